@@ -190,6 +190,10 @@ struct VMI {
   BND *Bnd = nullptr;
 };
 
+// When positive, Allocate_Inversion imposes this heap limit in bytes instead
+// of the unlimited default (used by tests to make allocations fail).
+extern int64_t Test_Heap_Limit;
+
 // Builds VMI and the records with their defaults.  status 0 is success.
 void Allocate_Space(VMI **env, int *status);
 // Allocates the vectors of a factorization of the size set in VIM.

@@ -1,0 +1,293 @@
+// The exported lifecycle, factor, query and message functions, and the
+// process-wide state behind them.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "factor/factor.h"
+#include "interface/state.h"
+#include "runtime/messages.h"
+#include "runtime/records.h"
+#include "vardenlu.h"
+
+namespace vlu {
+
+IfaceState &Iface() {
+  static IfaceState state;
+  return state;
+}
+
+void Hard_Stop(const char *text) {
+  std::fflush(stdout);
+  std::fprintf(stderr, "%s\n", text);
+  std::fflush(stderr);
+  std::exit(EXIT_FAILURE);
+}
+
+int c_std_message(int smsg, int dmsg, int nmsg, char **lines, void * /*usrmem*/) {
+  IfaceState &s = Iface();
+  if (s.msgcbPtr != nullptr) return s.msgcbPtr(smsg, dmsg, nmsg, lines, s.usrmem);
+  std::printf("--------------------------------------------------------------\n");
+  std::printf("HERE IN c_std_message with NULL msgcbPtr  smsg: %d  dmsg: %d  nmsg: %d\n", smsg,
+              dmsg, nmsg);
+  std::printf("--------------------------------------------------------------\n");
+  return 0;
+}
+
+namespace {
+
+template <typename T>
+void Free_Array(T *&p) {
+  delete[] p;
+  p = nullptr;
+}
+
+// Frees the interface arrays and the environment records.
+void Release_All(IfaceState &s) {
+  Free_Array(s.singRow);
+  Free_Array(s.singCol);
+  Free_Array(s.mark);
+  Free_Array(s.curStat);
+  Free_Array(s.rSave);
+  int status = 0;
+  VMI_Deallocate(&s.env, &status);
+  s.env = nullptr;
+  s.vim = nullptr;
+  s.dataReady = false;
+}
+
+// Compares the basis that the factorization repaired (VIM%Basc) with the one
+// the caller asked for (curStat) and turns the difference into singular
+// pairs: first the dropped columns whose number equals the row of an added
+// slack, then the rest, each with the lowest free row.  Returns the number of
+// added slacks.
+int32_t Reconcile(IfaceState &s) {
+  const int32_t n = s.numRows;
+  const int32_t *basc = s.vim->Basc.V;
+  int32_t *cur = s.curStat;
+  uint8_t *mark = s.mark;
+  std::memset(mark, 0, static_cast<size_t>(n) + 2);
+  constexpr uint8_t Dropped = 6, Added = 7;
+
+  int32_t singCnt = 0, numDropped = 0, numMatch = 0, todo = 0;
+  for (int32_t j = 1; j <= 2 * n + 1; ++j) {
+    if (cur[j] == IBasic && basc[j] != IBasic) {
+      if (j > n + 1) Hard_Stop("dropped slack after factorization should not happen");
+      ++numDropped;
+      mark[j] = Dropped;
+    } else if (cur[j] != IBasic && basc[j] != NBasic) {
+      int32_t i = j - n - 1;
+      if (i < 1) Hard_Stop("non-slack column added to basis by factorization: should not happen");
+      ++singCnt;
+      if (mark[i] == Dropped) {
+        ++numMatch;
+        s.singRow[numMatch] = i;
+        s.singCol[numMatch] = i;
+        mark[i] = 0;
+      } else {
+        mark[i] = Added;
+        ++todo;
+      }
+    }
+  }
+  if (singCnt != numDropped) {
+    std::printf("----- add/drop mismatch: col drop=%d  row add=%d\n", numDropped, singCnt);
+    Hard_Stop("COUNT MISMATCH");
+  }
+  if (todo + numMatch != singCnt) {
+    std::printf("----- rdelta mismatch: nMatch=%d  todo=%d  rdelta=%d\n", numMatch, todo,
+                singCnt);
+    Hard_Stop("COUNT MISMATCH");
+  }
+  int32_t k = numMatch;
+  int32_t row = 1;
+  for (int32_t j = 1; j <= n + 1 && todo >= 1; ++j) {
+    if (mark[j] != Dropped) continue;
+    while (mark[row] != Added) {
+      ++row;
+      if (row > n) Hard_Stop("MISSING SINGULAR ROW");
+    }
+    ++k;
+    s.singRow[k] = row;
+    s.singCol[k] = j;
+    ++row;
+    --todo;
+  }
+  return singCnt;
+}
+
+}  // namespace
+}  // namespace vlu
+
+using namespace vlu;
+
+extern "C" {
+
+VLU_API int vlu_create(void) {
+  IfaceState &s = Iface();
+  if (s.envExists) {
+    std::printf("\n** Fatal Error ** vlu_create called but environment already exists\n\n");
+    return 1;
+  }
+  s.env = nullptr;
+  s.vim = nullptr;
+  s.numRows = 0;
+  s.numNz = 0;
+  s.numSing = 0;
+  s.updateLimit = 2147483647;
+  s.envExists = true;
+  s.dataReady = false;
+  s.rKnown = false;
+  s.nFactor = s.nUpdate = s.nRefactor = 0;
+  return 0;
+}
+
+VLU_API void vlu_destroy(void) {
+  IfaceState &s = Iface();
+  if (s.dataReady) Release_All(s);
+  s.envExists = false;
+}
+
+VLU_API int vlu_factor(const int *n_, const int *nz_, const int *colStart, const int *rowIdx,
+                       const int *colIdx, const double *val, const double *r,
+                       const int *basisStat) {
+  IfaceState &s = Iface();
+  if (s.dataReady) Release_All(s);
+  s.rKnown = (r != nullptr);
+
+  int status = 0;
+  Allocate_Space(&s.env, &status);
+  if (status != 0) {
+    std::printf("\n** Fatal Error ** Basic data structures could not be allocated\n\n");
+    VMI_Deallocate(&s.env, &status);
+    s.env = nullptr;
+    return 4;
+  }
+  VMI *v = s.env;
+  s.vim = v->Vim;
+  VIM *vim = s.vim;
+  v->Msg_Routine = reinterpret_cast<void (*)()>(&c_std_message);
+  v->Msg_Style = 0;
+  v->Threads = 1;
+  v->Max_Updates = s.updateLimit;
+
+  const int32_t n = *n_, nz = *nz_;
+  s.numRows = n;
+  s.numNz = nz;
+  vim->NumRow = n;
+  vim->NumCol = n + 1;
+  vim->NumNz = nz + n;
+  s.numSing = 0;
+
+  Allocate_Inversion(v);
+  if (!v->EnoughSpace) {
+    std::printf("after Allocate_Space(), not VMI%%EnoughSpace\n");
+    VMI_Deallocate(&s.env, &status);
+    s.env = nullptr;
+    s.vim = nullptr;
+    return 4;
+  }
+
+  s.dataReady = true;
+  s.curStat = new (std::nothrow) int32_t[2 * static_cast<size_t>(n) + 2];
+  s.rSave = new (std::nothrow) double[static_cast<size_t>(n) + 1];
+  s.singRow = new (std::nothrow) int32_t[static_cast<size_t>(n) + 1];
+  s.singCol = new (std::nothrow) int32_t[static_cast<size_t>(n) + 1];
+  s.mark = new (std::nothrow) uint8_t[static_cast<size_t>(n) + 2];
+  if (!s.curStat || !s.rSave || !s.singRow || !s.singCol || !s.mark) {
+    std::printf("\n** Fatal Error ** Basic data structures could not be allocated\n\n");
+    Release_All(s);
+    return 4;
+  }
+  for (int32_t i = 0; i <= n; ++i) s.rSave[i] = 0.0;
+
+  // The matrix, with column t stored as a full column behind it.
+  int32_t *stcl = vim->Stcl.V, *rnum = vim->Rnum.V, *cnum = vim->Cnum.V;
+  double *jace = vim->Jace.Val;
+  for (int32_t j = 1; j <= n + 1; ++j) stcl[j] = colStart[j - 1];
+  stcl[n + 2] = stcl[n + 1] + n;
+  for (int32_t p = 1; p <= nz; ++p) rnum[p] = rowIdx[p - 1];
+  for (int32_t i = 1; i <= n; ++i) rnum[nz + i] = i;
+  for (int32_t p = 1; p <= nz; ++p) cnum[p] = colIdx[p - 1];
+  for (int32_t i = 1; i <= n; ++i) cnum[nz + i] = n + 1;
+  for (int32_t p = 1; p <= nz; ++p) jace[p] = val[p - 1];
+  for (int32_t i = 1; i <= n; ++i) jace[nz + i] = r != nullptr ? r[i - 1] : 0.0;
+
+  if (basisStat[n] == IBasic && !s.rKnown) Hard_Stop("t basic but r unknown");
+  int32_t *basc = vim->Basc.V;
+  for (int32_t j = 1; j <= 2 * n + 1; ++j) {
+    if ((basisStat[j - 1] & ~2) != 0)
+      Hard_Stop("BOGUS BasisStat value found: expected NBasic or IBasic");
+    basc[j] = basisStat[j - 1];
+  }
+  for (int32_t j = 1; j <= 2 * n + 1; ++j) s.curStat[j] = basisStat[j - 1];
+
+  LUFactor(v);
+  if (v->Exception != 0) Hard_Stop("VMI%Exception is not zero");
+
+  int32_t singCnt = Reconcile(s);
+  if (singCnt != vim->Num_Sing) Hard_Stop("singCnt <> VIM%Num_Sing");
+  if (vim->Num_Sing > 0) {
+    s.numSing = vim->Num_Sing;
+    if (s.numSing != singCnt) Hard_Stop("MISMATCH IN SINGULAR COUNTS");
+    return 3;
+  }
+  if (singCnt != s.numSing) Hard_Stop("VARDEN says Num_Sing is 0 but basis changed");
+  CreateColumnU(v);
+  ++s.nFactor;
+  return 0;
+}
+
+VLU_API int vlu_getnumsing(void) { return Iface().numSing; }
+
+VLU_API int vlu_getsingpair(const int *k, int *row, int *col) {
+  IfaceState &s = Iface();
+  if (*k >= 1 && *k <= s.numSing && s.singRow != nullptr) {
+    *row = s.singRow[*k];
+    *col = s.singCol[*k];
+    return *col;
+  }
+  *row = 0;
+  *col = 0;
+  return 0;
+}
+
+VLU_API int vlu_getstats(int *nFactor, int *nUpdate, int *nRefactor) {
+  IfaceState &s = Iface();
+  *nFactor = s.nFactor;
+  *nUpdate = s.nUpdate;
+  *nRefactor = s.nRefactor;
+  return s.nFactor;
+}
+
+VLU_API int vlu_setupdatelimit(const int *limit) {
+  Iface().updateLimit = *limit;
+  return *limit;
+}
+
+VLU_API vlu_msgcb_t vlu_regmsgcb(void *usrmem, vlu_msgcb_t msgcb) {
+  IfaceState &s = Iface();
+  vlu_msgcb_t old = s.msgcbPtr;
+  s.usrmem = usrmem;
+  s.msgcbPtr = msgcb;
+  return old;
+}
+
+VLU_API vlu_msgcb_t vlu_getmsgcb(void) { return Iface().msgcbPtr; }
+
+VLU_API int vlu_msghack(const int *k) {
+  VMI *v = Iface().env;
+  if (v == nullptr) return 0;
+  Msg_Set(v, "** Sample error emitted in vlu_msghack: k =%5d", *k);
+  Vd2both(v, 1);
+  Internal_Error(v, 1, true);
+  return 0;
+}
+
+VLU_API int aa(const int *j) {
+  std::printf("j = %5d\n", *j);
+  return 0;
+}
+
+}  // extern "C"
