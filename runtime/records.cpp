@@ -269,70 +269,34 @@ void Allocate_Inversion(VMI *v) {
   }
 }
 
-// Release of the record vectors; a failed release is counted in *status.
-void LUF_Deallocate(VMI *v, int *status) {
-  LUF *r = v->Luf;
-  if (r == nullptr) return;
-  Deallocate_Int(v, r->Ic, "LUF%Ic");
-  Deallocate_Int(v, r->Ir, "LUF%Ir");
-  Deallocate_Int(v, r->Rstr, "LUF%Rstr");
-  Deallocate_Int(v, r->Rlen, "LUF%Rlen");
-  Deallocate_Int(v, r->Cstr, "LUF%Cstr");
-  Deallocate_Int(v, r->Clen, "LUF%Clen");
-  Deallocate_Int(v, r->Lrow, "LUF%Lrow");
-  Deallocate_Int(v, r->Lpiv, "LUF%Lpiv");
-  Deallocate_Int(v, r->Lsor, "LUF%Lsor");
-  Deallocate_Int(v, r->Lstr, "LUF%Lstr");
-  Deallocate_RVec(v, r->Ucmat);
-  Deallocate_RVec(v, r->Lmat);
-  (void)status;
-  delete r;
+// Releases every vector slot of a record.
+struct Release_Slot {
+  VMI *v;
+  void operator()(const char *name, IntVec &x) const { Deallocate_Int(v, x, name); }
+  void operator()(const char *name, LIntVec &x) const { Deallocate_LInt(v, x, name); }
+  void operator()(const char *name, LogVec &x) const { Deallocate_Log(v, x, name); }
+  void operator()(const char *, RVec &x) const { Deallocate_RVec(v, x); }
+  void operator()(const char *, IVec &x) const { Deallocate_IVec(v, x); }
+};
+
+void LUF_Deallocate(VMI *v, int *) {
+  if (v->Luf == nullptr) return;
+  ForEachVec(*v->Luf, Release_Slot{v});
+  delete v->Luf;
   v->Luf = nullptr;
 }
 
-void IIN_Deallocate(VMI *v, int *status) {
-  IIN *r = v->Iin;
-  if (r == nullptr) return;
-  IntVec *ints[] = {&r->MarkCol, &r->Cpnx, &r->Cppr, &r->Rpnx, &r->Rppr, &r->Mact,
-                    &r->Mlow,    &r->Mcex, &r->Mrow, &r->Mrex, &r->Indc, &r->Indx,
-                    &r->Stcc,    &r->Stcr, &r->Nxtc, &r->Prvc, &r->Nxtr, &r->Prvr,
-                    &r->C2rp,    &r->R2cp, &r->Lisr, &r->Rlol, &r->Lisc, &r->Clol,
-                    &r->Stmc,    &r->Indr};
-  const char *names[] = {"IIN%MarkCol", "IIN%Cpnx", "IIN%Cppr", "IIN%Rpnx", "IIN%Rppr",
-                         "IIN%Mact",    "IIN%Mlow", "IIN%Mcex", "IIN%Mrow", "IIN%Mrex",
-                         "IIN%Indc",    "IIN%Indx", "IIN%Stcc", "IIN%Stcr", "IIN%Nxtc",
-                         "IIN%Prvc",    "IIN%Nxtr", "IIN%Prvr", "IIN%C2rp", "IIN%R2cp",
-                         "IIN%Lisr",    "IIN%Rlol", "IIN%Lisc", "IIN%Clol", "IIN%Stmc",
-                         "IIN%Indr"};
-  for (size_t i = 0; i < sizeof(ints) / sizeof(ints[0]); ++i) Deallocate_Int(v, *ints[i], names[i]);
-  Deallocate_RVec(v, r->Clmx);
-  Deallocate_RVec(v, r->Mmat);
-  Deallocate_RVec(v, r->Clmin);
-  Deallocate_Log(v, r->Clok, "IIN%Clok");
-  Deallocate_Log(v, r->Lngr, "IIN%Lngr");
-  Deallocate_Log(v, r->Lngc, "IIN%Lngc");
-  Deallocate_IVec(v, r->Rlin);
-  Deallocate_IVec(v, r->Clin);
-  (void)status;
-  delete r;
+void IIN_Deallocate(VMI *v, int *) {
+  if (v->Iin == nullptr) return;
+  ForEachVec(*v->Iin, Release_Slot{v});
+  delete v->Iin;
   v->Iin = nullptr;
 }
 
-void VIM_Deallocate(VMI *v, int *status) {
-  VIM *r = v->Vim;
-  if (r == nullptr) return;
-  IntVec *ints[] = {&r->Stcl, &r->Rnum, &r->Cnum, &r->Basc,  &r->Rwcl,   &r->Rgfr,
-                    &r->HelpI, &r->HelpZ, &r->Cnto, &r->Cotn, &r->Rnto,   &r->Rotn,
-                    &r->Cbto, &r->DegCol, &r->DegStack};
-  const char *names[] = {"VIM%Stcl", "VIM%Rnum", "VIM%Cnum", "VIM%Basc", "VIM%Rwcl",
-                         "VIM%Rgfr", "VIM%HelpI", "VIM%HelpZ", "VIM%Cnto", "VIM%Cotn",
-                         "VIM%Rnto", "VIM%Rotn", "VIM%Cbto", "VIM%DegCol", "VIM%DegStack"};
-  for (size_t i = 0; i < sizeof(ints) / sizeof(ints[0]); ++i) Deallocate_Int(v, *ints[i], names[i]);
-  RVec *reals[] = {&r->Jace, &r->WorkZ, &r->AUrmat, &r->Work1, &r->UpdtWeight, &r->X1Row,
-                   &r->DegBnd, &r->XSol, &r->Xmin, &r->Xmax, &r->ColAcc};
-  for (RVec *p : reals) Deallocate_RVec(v, *p);
-  (void)status;
-  delete r;
+void VIM_Deallocate(VMI *v, int *) {
+  if (v->Vim == nullptr) return;
+  ForEachVec(*v->Vim, Release_Slot{v});
+  delete v->Vim;
   v->Vim = nullptr;
 }
 
@@ -358,9 +322,7 @@ void VMI_Deallocate(VMI **env, int *status) {
   v->Anon = nullptr;
   VPI_Deallocate(v, status);
   if (v->Bnd != nullptr) {
-    Deallocate_Int(v, v->Bnd->Cric, "BND%Cric");
-    Deallocate_Int(v, v->Bnd->Crir, "BND%Crir");
-    Deallocate_RVec(v, v->Bnd->Step);
+    ForEachVec(*v->Bnd, Release_Slot{v});
     delete v->Bnd;
     v->Bnd = nullptr;
   }

@@ -224,3 +224,105 @@ inline int32_t Wrap_Add(int32_t a, int32_t b) {
 }
 
 }  // namespace vlu
+
+// ---------------------------------------------------------------------------
+// The vector slots of each record, in declaration order: f(name, vec) is
+// called once per slot, vec being an IntVec&, LIntVec&, LogVec&, RVec& or
+// IVec& (write f as a generic lambda or an overloaded functor).  Names are
+// the record's "REC%Short" names; for record vectors they equal Name.
+// Used by the record listings of the dump routines and free for releases.
+namespace vlu {
+
+template <typename F> void ForEachVec(VUM &, F &&) {}
+template <typename F> void ForEachVec(VPI &, F &&) {}
+template <typename F> void ForEachVec(VDP &, F &&) {}
+template <typename F> void ForEachVec(AnonRec &, F &&) {}
+
+template <typename F> void ForEachVec(BND &r, F &&f) {
+  f("BND%Cric", r.Cric);
+  f("BND%Crir", r.Crir);
+  f("BND%Step", r.Step);
+}
+
+template <typename F> void ForEachVec(VIM &r, F &&f) {
+  f("VIM%Stcl", r.Stcl);
+  f("VIM%Rnum", r.Rnum);
+  f("VIM%Cnum", r.Cnum);
+  f("VIM%Basc", r.Basc);
+  f("VIM%Rwcl", r.Rwcl);
+  f("VIM%Rgfr", r.Rgfr);
+  f("VIM%HelpI", r.HelpI);
+  f("VIM%HelpZ", r.HelpZ);
+  f("VIM%Cnto", r.Cnto);
+  f("VIM%Cotn", r.Cotn);
+  f("VIM%Rnto", r.Rnto);
+  f("VIM%Rotn", r.Rotn);
+  f("VIM%Cbto", r.Cbto);
+  f("VIM%Jace", r.Jace);
+  f("VIM%WorkZ", r.WorkZ);
+  f("VIM%AUrmat", r.AUrmat);
+  f("VIM%Work1", r.Work1);
+  f("VIM%UpdtWeight", r.UpdtWeight);
+  f("VIM%X1Row", r.X1Row);
+  f("VIM%DegCol", r.DegCol);
+  f("VIM%DegStack", r.DegStack);
+  f("VIM%DegBnd", r.DegBnd);
+  f("VIM%XSol", r.XSol);
+  f("VIM%Xmin", r.Xmin);
+  f("VIM%Xmax", r.Xmax);
+  f("VIM%ColAcc", r.ColAcc);
+}
+
+template <typename F> void ForEachVec(LUF &r, F &&f) {
+  f("LUF%Ic", r.Ic);
+  f("LUF%Ir", r.Ir);
+  f("LUF%Rstr", r.Rstr);
+  f("LUF%Rlen", r.Rlen);
+  f("LUF%Cstr", r.Cstr);
+  f("LUF%Clen", r.Clen);
+  f("LUF%Lrow", r.Lrow);
+  f("LUF%Lpiv", r.Lpiv);
+  f("LUF%Lsor", r.Lsor);
+  f("LUF%Lstr", r.Lstr);
+  f("LUF%Ucmat", r.Ucmat);
+  f("LUF%Lmat", r.Lmat);
+}
+
+template <typename F> void ForEachVec(IIN &r, F &&f) {
+  f("IIN%MarkCol", r.MarkCol);
+  f("IIN%Cpnx", r.Cpnx);
+  f("IIN%Cppr", r.Cppr);
+  f("IIN%Rpnx", r.Rpnx);
+  f("IIN%Rppr", r.Rppr);
+  f("IIN%Mact", r.Mact);
+  f("IIN%Mlow", r.Mlow);
+  f("IIN%Mcex", r.Mcex);
+  f("IIN%Mrow", r.Mrow);
+  f("IIN%Mrex", r.Mrex);
+  f("IIN%Indc", r.Indc);
+  f("IIN%Indx", r.Indx);
+  f("IIN%Stcc", r.Stcc);
+  f("IIN%Stcr", r.Stcr);
+  f("IIN%Nxtc", r.Nxtc);
+  f("IIN%Prvc", r.Prvc);
+  f("IIN%Nxtr", r.Nxtr);
+  f("IIN%Prvr", r.Prvr);
+  f("IIN%C2rp", r.C2rp);
+  f("IIN%R2cp", r.R2cp);
+  f("IIN%Lisr", r.Lisr);
+  f("IIN%Rlol", r.Rlol);
+  f("IIN%Lisc", r.Lisc);
+  f("IIN%Clol", r.Clol);
+  f("IIN%Stmc", r.Stmc);
+  f("IIN%Indr", r.Indr);
+  f("IIN%Clmx", r.Clmx);
+  f("IIN%Mmat", r.Mmat);
+  f("IIN%Clmin", r.Clmin);
+  f("IIN%Clok", r.Clok);
+  f("IIN%Lngr", r.Lngr);
+  f("IIN%Lngc", r.Lngc);
+  f("IIN%Rlin", r.Rlin);
+  f("IIN%Clin", r.Clin);
+}
+
+}  // namespace vlu
