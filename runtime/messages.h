@@ -35,7 +35,8 @@ void Row_Col_Error(VMI *vmi, int row, int col, int pos, const char *text);
 
 // Number formatting of the catalogue: an integer left-justified (I12, leading
 // blanks cut), and a real in a G or F format whose width and decimals come
-// from a two-digit code (tens: width / 2, units: decimals).
+// from a two-digit code (tens: width / 2, units: decimals).  `out` must hold
+// 13 characters for Fmt_Int and 64 for the real forms.
 const char *Fmt_Int(int32_t value, char *out);
 const char *Fmt_RealG(double value, int code, char *out);
 const char *Fmt_RealF(double value, int code, char *out);

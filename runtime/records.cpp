@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "runtime/clock.h"
+#include "runtime/dumps.h"
 #include "runtime/messages.h"
 #include "runtime/primitives.h"
 #include "runtime/vectors.h"
@@ -334,11 +335,13 @@ void VMI_Deallocate(VMI **env, int *status) {
   if (v->Trace_Memory > 0) {
     Doc(v, "After  Executing VIM_Deallocate:");
     MemStat(v);
+    VMI_Dump_All(v);
   }
   if (v->NumVec_Int != 0 || v->NumVec_Real != 0 || v->NumVec_Log != 0 || v->NumEle_Int != 0 ||
       v->NumEle_Real != 0 || v->NumEle_Log != 0 || v->Mem_Current != 0) {
     Doc(v, "** Fatal Error ** Memory statistics not in balance after executing VMI_Deallocate:");
     MemStat(v);
+    VMI_Dump_All(v);
     Internal_Error(v, 9999, true);
   }
   // Pending lines are dropped with the environment.

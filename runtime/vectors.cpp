@@ -1,0 +1,611 @@
+// Managed vectors: allocation, enlargement, hand-over and release, with the
+// memory statistics of the environment kept exact to the element.
+#include "runtime/vectors.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+
+#include "runtime/messages.h"
+#include "runtime/primitives.h"
+#include "runtime/records.h"
+
+namespace vlu {
+
+namespace {
+
+enum class Cls { Int, Real, Log };
+
+constexpr int32_t Undef_Int = 2147483647;
+
+double Undef_Real() {
+  volatile double zero = 0.0;
+  return zero / zero;  // the quiet NaN of 0/0, as uninitialised reals show
+}
+
+const char *Mode_Name(int32_t mode) {
+  static const char *const names[2] = {"Needed  ", "Explore "};
+  return (mode >= 1 && mode <= 2) ? names[mode - 1] : "Unknown ";
+}
+
+const char *Area_Name(int32_t area) {
+  static const char *const names[4] = {"Input   ", "PreProc ", "Setup   ", "Optimize"};
+  return (area >= 1 && area <= 4) ? names[area - 1] : "Unknown ";
+}
+
+const char *Flag(bool b) { return b ? "T" : "F"; }
+
+// Counters of one class.
+void Account(VMI *vmi, Cls cls, int32_t vecs, int64_t elements) {
+  switch (cls) {
+    case Cls::Int:
+      vmi->NumVec_Int += vecs;
+      vmi->NumEle_Int += elements;
+      break;
+    case Cls::Real:
+      vmi->NumVec_Real += vecs;
+      vmi->NumEle_Real += elements;
+      break;
+    case Cls::Log:
+      vmi->NumVec_Log += vecs;
+      vmi->NumEle_Log += elements;
+      break;
+  }
+}
+
+// New bytes counted by an allocation.
+void Count_New(VMI *vmi, int64_t bytes) {
+  vmi->Mem_Current += bytes;
+  vmi->Mem_Total += bytes;
+  vmi->Mem_Max = std::max(vmi->Mem_Max, vmi->Mem_Current);
+}
+
+// True when `bytes` more would pass the heap limit.
+bool Over_Limit(const VMI *vmi, int64_t bytes) {
+  return bytes > vmi->MaxHeap_Bytes - vmi->Mem_Current;
+}
+
+// Raw storage; never returns the same pointer for two live blocks, even for
+// zero bytes.
+void *Raw_Alloc(int64_t bytes) {
+  if (bytes < 0) return nullptr;
+  return std::malloc(static_cast<size_t>(std::max<int64_t>(bytes, 8)));
+}
+
+// Reports a condition of a managed vector: the text first, then the
+// internal error (always fatal).
+void Systems_Error(VMI *vmi, const char *name, const char *what, const char *routine, int number) {
+  Doc(vmi, " ** Systems Error **  Vector %s%s%s.", name, what, routine);
+  Internal_Error(vmi, number, true);
+}
+
+// Common failure path of allocation and enlargement.
+void Memory_Failure(VMI *vmi, const char *routine, const char *name, int32_t n, bool increase,
+                    bool limit) {
+  vmi->EnoughSpace = false;
+  if (vmi->Trace_Memory > 0) {
+    if (increase)
+      Doc(vmi, "Insufficient memory in %s: Vector %s could not be increased by%10d elements.", routine,
+          name, n);
+    else
+      Doc(vmi, "Insufficient memory in %s: Vector %s could not be allocated with%10d elements.",
+          routine, name, n);
+    if (limit) Doc(vmi, "MaxHeap =%12" PRId64 " MBytes would be exceeded.", vmi->MaxHeap);
+    Doc(vmi, "MemoryMode=%s", Mode_Name(vmi->MemoryMode));
+    Doc(vmi, "MemoryArea=%s", Area_Name(vmi->MemoryArea));
+  }
+  if (vmi->MemoryMode == 2) return;  // Explore: only a wish, the caller decides
+  switch (vmi->MemoryArea) {
+    case 1:
+      Vdnmsg(vmi, 3023, 0, 0, 0.0, 0.0, true, true);
+      break;
+    case 2:
+      Vdnmsg(vmi, 3030, 0, 0, 0.0, 0.0, true, true);
+      break;
+    case 3:
+      Vdnmsg(vmi, 3024, 0, 0, 0.0, 0.0, true, true);
+      break;
+    case 4:
+      Vdnmsg(vmi, 3022, 0, 0, 0.0, 0.0, true, true);
+      vmi->Exit_Code = 7;
+      break;
+    default:
+      Doc(vmi, "Fatal Error. Unknown MemoryArea=%d", vmi->MemoryArea);
+      Internal_Error(vmi, 9500, true);
+      break;
+  }
+  Raise_Exception(vmi, 96);
+}
+
+// ---------------------------------------------------------------------------
+// Record vectors.
+
+template <typename T> struct RecInfo;
+template <> struct RecInfo<double> {
+  static constexpr int32_t PerLine = 8;
+  static constexpr Cls Class = Cls::Real;
+  static constexpr const char *Alloc = "Allocate_RVec";
+  static constexpr const char *Dealloc = "Deallocate_RVec";
+  static constexpr const char *Incr = "Increase_RVec";
+  static constexpr int ErrNegative = 33011;
+  static constexpr int ErrDecrease = 33016;
+  static double Undefined() { return Undef_Real(); }
+};
+template <> struct RecInfo<int32_t> {
+  static constexpr int32_t PerLine = 16;
+  static constexpr Cls Class = Cls::Int;
+  static constexpr const char *Alloc = "Allocate_Ivec";
+  static constexpr const char *Dealloc = "Deallocate_IVec";
+  static constexpr const char *Incr = "Increase_IVec";
+  static constexpr int ErrNegative = 33012;
+  static constexpr int ErrDecrease = 33017;
+  static int32_t Undefined() { return Undef_Int; }
+};
+
+template <typename T> int32_t Rec_Offset(int32_t length) {
+  constexpr int32_t c = RecInfo<T>::PerLine;
+  return ((length - 1) / c) * c + c;
+}
+
+template <typename T> int32_t Rec_AllocSize(int32_t length, int32_t numThread) {
+  constexpr int32_t c = RecInfo<T>::PerLine;
+  return ((length + c - 2) / c) * c + c + (numThread - 1) * Rec_Offset<T>(length);
+}
+
+// Element k (0-based in base) at which the aligned view begins.
+template <typename T> T *Aligned_View(T *base) {
+  const uintptr_t addr = reinterpret_cast<uintptr_t>(base);
+  const uintptr_t w = sizeof(T);
+  const uintptr_t aligned = ((addr + 64 - w) / 64) * 64;
+  return base + (aligned - addr) / w - 1;  // so that view[1] is aligned
+}
+
+template <typename T> void Fill(T *v1, int32_t from, int32_t to, T value) {
+  for (int32_t i = from; i <= to; ++i) v1[i] = value;
+}
+
+template <typename T> void Rec_Allocate(VMI *vmi, RecVec<T> &v, int32_t length, int32_t numThread) {
+  using Info = RecInfo<T>;
+  if (!vmi->EnoughSpace) return;
+  const char *routine = Info::Alloc;
+  char name[21];
+  Trim_Name(v.Name, name);
+  if (numThread < 1) numThread = 1;
+  v.Length = length;
+  v.NumThread = numThread;
+  v.Offset = Rec_Offset<T>(length);
+  if (length < 0) {
+    Systems_Error(vmi, name, " has negative length in ", routine, Info::ErrNegative);
+    return;
+  }
+  if (v.Base != nullptr) {
+    Systems_Error(vmi, name, " is already allocated in ", routine, 3302);
+    return;
+  }
+  const int32_t size = Rec_AllocSize<T>(length, numThread);
+  const int32_t total = TotalLength(length, numThread, v.Offset);
+  const int64_t bytes = int64_t(size) * int64_t(sizeof(T));
+  if (Over_Limit(vmi, bytes)) {
+    Memory_Failure(vmi, routine, name, length, false, true);
+    return;
+  }
+  T *base = static_cast<T *>(Raw_Alloc(bytes));
+  if (base == nullptr) {
+    Memory_Failure(vmi, routine, name, length, false, false);
+    return;
+  }
+  Count_New(vmi, bytes);
+  Account(vmi, Info::Class, 1, size);
+
+  v.Base = base;
+  v.BaseSize = size;
+  v.Val = Aligned_View(base);
+  v.Extent = total;
+  v.Temp = false;
+
+  if (vmi->Clear_On_Alloc)
+    Fill<T>(v.Val, 1, total, T(0));
+  else if (numThread > 1)
+    Fill<T>(v.Val, length + 1, total, T(0));
+  if (vmi->Define_On_Alloc) Fill<T>(v.Val, 1, length, Info::Undefined());
+
+  const long long address = static_cast<long long>(reinterpret_cast<uintptr_t>(v.Val + 1));
+  if (vmi->Trace_Memory > 0) {
+    Doc(vmi, "%s: Vector %s has been allocated with%10d (%10d) elements. Address=%15lld", routine,
+        name, length, size, address);
+    if (numThread > 1)
+      Doc(vmi, "Threads=%3d, Offset=%10d and total length=%10d", numThread, v.Offset, total);
+    if (vmi->Trace_Memory > 1) MemStat(vmi);
+  }
+  if (reinterpret_cast<uintptr_t>(v.Val + 1) % 64 != 0) {
+    Doc(vmi, "%s: Vector %s was not allocated on a cache line. Address=%15lld", routine, name, address);
+    Internal_Error(vmi, 3399, true);
+  }
+}
+
+template <typename T> void Rec_Deallocate(VMI *vmi, RecVec<T> &v, bool mustExist) {
+  using Info = RecInfo<T>;
+  const char *routine = Info::Dealloc;
+  char name[21];
+  Trim_Name(v.Name, name);
+  if (v.Base == nullptr) {
+    if (vmi->Trace_Memory > 0) Doc(vmi, "%s: Vector %s Associated=%s", routine, name, Flag(false));
+    if (mustExist) Systems_Error(vmi, name, " is already deallocated in ", routine, 3302);
+    return;
+  }
+  if (v.Temp) {
+    // A borrowed view owns nothing: forget it, count nothing.
+    v.Base = v.Val = nullptr;
+    v.BaseSize = v.Extent = v.Length = v.NumThread = v.Offset = 0;
+    v.Temp = false;
+    return;
+  }
+  const int32_t size = v.BaseSize;
+  if (vmi->Trace_Memory > 0)
+    Doc(vmi, "%s: Vector %s Associated=%s Length=%10d", routine, name, Flag(true), size);
+  std::free(v.Base);
+  Account(vmi, Info::Class, -1, -int64_t(size));
+  vmi->Mem_Current -= int64_t(size) * int64_t(sizeof(T));
+  v.Base = nullptr;
+  v.Val = nullptr;
+  v.BaseSize = 0;
+  v.Extent = 0;
+  if (vmi->Trace_Memory >= 2) MemStat(vmi);
+}
+
+template <typename T> void Rec_Increase(VMI *vmi, RecVec<T> &v, int32_t delta, bool keep) {
+  using Info = RecInfo<T>;
+  if (!vmi->EnoughSpace) return;
+  const char *routine = Info::Incr;
+  char name[21];
+  Trim_Name(v.Name, name);
+  const int32_t oldLength = v.Length;
+  const int32_t numThread = std::max(v.NumThread, 1);
+  const int32_t newLength = Wrap_Add(oldLength, delta);
+  const int32_t newOffset = Rec_Offset<T>(newLength);
+  const int32_t newSize = Rec_AllocSize<T>(newLength, numThread);
+  v.Offset = newOffset;
+  if (delta < 0) {
+    Systems_Error(vmi, name, " is decreased in ", routine, Info::ErrDecrease);
+    return;
+  }
+  if (v.Base == nullptr || v.Temp) {  // a borrowed view cannot grow
+    Systems_Error(vmi, name, " is not allocated in ", routine, 3302);
+    return;
+  }
+  const int64_t newBytes = int64_t(newSize) * int64_t(sizeof(T));
+  const int64_t oldBytes = int64_t(v.BaseSize) * int64_t(sizeof(T));
+  if (Over_Limit(vmi, newBytes)) {
+    Memory_Failure(vmi, routine, name, delta, true, true);
+    return;
+  }
+  T *base = static_cast<T *>(Raw_Alloc(newBytes));
+  if (base == nullptr) {
+    Memory_Failure(vmi, routine, name, delta, true, false);
+    return;
+  }
+  T *val = Aligned_View(base);
+  if (keep && oldLength > 0) std::memcpy(val + 1, v.Val + 1, size_t(oldLength) * sizeof(T));
+
+  Account(vmi, Info::Class, 0, int64_t(newSize) - int64_t(v.BaseSize));
+  vmi->Mem_Total += newBytes;
+  vmi->Mem_Max = std::max(vmi->Mem_Max, vmi->Mem_Current + newBytes);
+  vmi->Mem_Current += newBytes - oldBytes;
+
+  std::free(v.Base);
+  v.Base = base;
+  v.BaseSize = newSize;
+  v.Val = val;
+  v.Length = newLength;
+  v.NumThread = numThread;
+  v.Extent = TotalLength(newLength, numThread, newOffset);
+  v.Temp = false;
+
+  if (vmi->Clear_On_Alloc) Fill<T>(val, oldLength + 1, newLength, T(0));
+  if (vmi->Define_On_Alloc) Fill<T>(val, oldLength + 1, newLength, Info::Undefined());
+  if (numThread > 1) {
+    Fill<T>(val, newLength + 1, v.Extent, T(0));
+    if (vmi->Debug_Parallel) Doc(vmi, "%s called with vector %s and NumThread=%d", routine, name, numThread);
+  }
+  if (vmi->Trace_Memory > 0) {
+    Doc(vmi, "%s: Vector %s has been increased by%10d elements to%10d", routine, name, delta, newLength);
+    if (vmi->Trace_Memory > 1) MemStat(vmi);
+  }
+}
+
+template <typename T> void Rec_Test_Zero(VMI *vmi, const RecVec<T> &v, const char *caller) {
+  char name[21];
+  Trim_Name(v.Name, name);
+  Doc(vmi, "Testing %s from %s with length=%10d NumThread=%4d and Offset=%10d", name, caller, v.Length,
+      v.NumThread, v.Offset);
+  if (v.NumThread < 2 || v.Val == nullptr) return;
+  const int32_t total = TotalLength(v.Length, v.NumThread, v.Offset);
+  for (int32_t p = v.Length + 1; p <= total; ++p) {
+    if (v.Val[p] != T(0)) {
+      Doc(vmi, "Position%10d is not zero=%g", p, double(v.Val[p]));
+      Internal_Error(vmi, 42200, true);
+      return;
+    }
+  }
+}
+
+// ---------------------------------------------------------------------------
+// Plain vectors.
+
+struct PlainInfo {
+  Cls cls;
+  int32_t width;  // bytes counted per element
+  int32_t count;  // elements counted per element (LInt: one, at 8 bytes)
+  const char *alloc, *dealloc, *incr;
+  int errNegative, errAlready, errDecrease;
+};
+
+template <PlainKind K> PlainInfo Plain_Info();
+template <> PlainInfo Plain_Info<PlainKind::Int>() {
+  return {Cls::Int, 4, 1, "Allocate_Int", "Deallocate_Int", "Increase_Int", 33013, 3302, 33015};
+}
+template <> PlainInfo Plain_Info<PlainKind::LInt>() {
+  return {Cls::Int, 8, 1, "Allocate_LInt", "Deallocate_LInt", "Increase_LInt", 33015, 33025, 33015};
+}
+template <> PlainInfo Plain_Info<PlainKind::Log>() {
+  return {Cls::Log, 4, 1, "Allocate_Log", "Deallocate_Log", "Increase_Log", 33014, 3302, 33018};
+}
+
+template <typename T, PlainKind K>
+void Plain_Allocate(VMI *vmi, PlainVec<T, K> &v, const char *name, int32_t length) {
+  const PlainInfo info = Plain_Info<K>();
+  if (!vmi->EnoughSpace) return;
+  if (length < 0) {
+    Systems_Error(vmi, name, " has negative length in ", info.alloc, info.errNegative);
+    return;
+  }
+  if (v.Alloc) {
+    Systems_Error(vmi, name, " is already allocated in ", info.alloc, info.errAlready);
+    return;
+  }
+  const int64_t bytes = int64_t(length) * info.width;
+  if (Over_Limit(vmi, bytes)) {
+    Memory_Failure(vmi, info.alloc, name, length, false, true);
+    return;
+  }
+  T *raw = static_cast<T *>(Raw_Alloc(int64_t(length) * int64_t(sizeof(T))));
+  if (raw == nullptr) {
+    Memory_Failure(vmi, info.alloc, name, length, false, false);
+    return;
+  }
+  Count_New(vmi, bytes);
+  Account(vmi, info.cls, 1, int64_t(length) * info.count);
+  v.Raw = raw;
+  v.V = raw - 1;
+  v.Size = length;
+  v.Alloc = true;
+  if (vmi->Clear_On_Alloc) Fill<T>(v.V, 1, length, T(0));
+  if (vmi->Define_On_Alloc && K == PlainKind::Int) Fill<T>(v.V, 1, length, T(Undef_Int));
+  if (vmi->Trace_Memory > 0) {
+    if (length > 0)
+      Doc(vmi, "%s: Vector %s has been allocated with%10d elements. Address=%15lld", info.alloc, name,
+          length, static_cast<long long>(reinterpret_cast<uintptr_t>(raw)));
+    else
+      Doc(vmi, "%s: Vector %s has been allocated with%10d elements.", info.alloc, name, length);
+    if (vmi->Trace_Memory > 1) MemStat(vmi);
+  }
+}
+
+template <typename T, PlainKind K>
+void Plain_Deallocate(VMI *vmi, PlainVec<T, K> &v, const char *name, bool mustExist) {
+  const PlainInfo info = Plain_Info<K>();
+  if (!v.Alloc) {
+    if (vmi->Trace_Memory > 0) Doc(vmi, "%s: Vector %s Associated=%s", info.dealloc, name, Flag(false));
+    if (mustExist) Systems_Error(vmi, name, " is already deallocated in ", info.dealloc, 3302);
+    return;
+  }
+  const int32_t size = v.Size;
+  if (vmi->Trace_Memory > 0)
+    Doc(vmi, "%s: Vector %s Associated=%s Length=%10d", info.dealloc, name, Flag(true), size);
+  std::free(v.Raw);
+  Account(vmi, info.cls, -1, -int64_t(size) * info.count);
+  vmi->Mem_Current -= int64_t(size) * info.width;
+  v.Raw = nullptr;
+  v.V = nullptr;
+  v.Size = 0;
+  v.Alloc = false;
+  if (vmi->Trace_Memory >= 2) MemStat(vmi);
+}
+
+template <typename T, PlainKind K>
+void Plain_Increase(VMI *vmi, PlainVec<T, K> &v, const char *name, int32_t delta, bool keep) {
+  const PlainInfo info = Plain_Info<K>();
+  if (!vmi->EnoughSpace) return;
+  if (delta < 0) {
+    Systems_Error(vmi, name, " is decreased in ", info.incr, info.errDecrease);
+    return;
+  }
+  if (!v.Alloc) {
+    Systems_Error(vmi, name, " is not allocated in ", info.incr, 3302);
+    return;
+  }
+  const int32_t oldSize = v.Size;
+  const int32_t newSize = Wrap_Add(oldSize, delta);
+  const int64_t newBytes = int64_t(newSize) * info.width;
+  const int64_t oldBytes = int64_t(oldSize) * info.width;
+  if (Over_Limit(vmi, newBytes)) {
+    Memory_Failure(vmi, info.incr, name, delta, true, true);
+    return;
+  }
+  T *raw = static_cast<T *>(Raw_Alloc(int64_t(newSize) * int64_t(sizeof(T))));
+  if (raw == nullptr) {
+    Memory_Failure(vmi, info.incr, name, delta, true, false);
+    return;
+  }
+  PlainVec<T, K> fresh;
+  fresh.Raw = raw;
+  fresh.V = raw - 1;
+  fresh.Size = newSize;
+  fresh.Alloc = true;
+  if (keep && oldSize > 0) std::memcpy(fresh.V + 1, v.V + 1, size_t(oldSize) * sizeof(T));
+
+  Account(vmi, info.cls, 0, (int64_t(newSize) - oldSize) * info.count);
+  vmi->Mem_Total += newBytes;
+  vmi->Mem_Max = std::max(vmi->Mem_Max, vmi->Mem_Current + newBytes);
+  vmi->Mem_Current += newBytes - oldBytes;
+
+  std::free(v.Raw);
+  v = fresh;
+  if (vmi->Clear_On_Alloc) Fill<T>(v.V, oldSize + 1, newSize, T(0));
+  if (vmi->Define_On_Alloc && K == PlainKind::Int) Fill<T>(v.V, oldSize + 1, newSize, T(Undef_Int));
+  if (vmi->Trace_Memory > 0) {
+    Doc(vmi, "%s: Vector %s has been increased by%10d elements to%10d", info.incr, name, delta, newSize);
+    if (vmi->Trace_Memory > 1) MemStat(vmi);
+  }
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+
+int32_t RVec_Offset(int32_t length) { return Rec_Offset<double>(length); }
+int32_t IVec_Offset(int32_t length) { return Rec_Offset<int32_t>(length); }
+int32_t RVec_AllocSize(int32_t length, int32_t numThread) { return Rec_AllocSize<double>(length, numThread); }
+int32_t IVec_AllocSize(int32_t length, int32_t numThread) { return Rec_AllocSize<int32_t>(length, numThread); }
+
+static void Set_Name20(char *dst, const char *name) {
+  int i = 0;
+  if (name != nullptr)
+    for (; i < 20 && name[i] != '\0'; ++i) dst[i] = name[i];
+  for (; i < 20; ++i) dst[i] = ' ';
+  dst[20] = '\0';
+}
+
+void Set_Name(RVec &v, const char *name) { Set_Name20(v.Name, name); }
+void Set_Name(IVec &v, const char *name) { Set_Name20(v.Name, name); }
+
+const char *Trim_Name(const char *name20, char *out21) {
+  int n = 0;
+  for (int i = 0; i < 20 && name20[i] != '\0'; ++i) {
+    out21[i] = name20[i];
+    if (name20[i] != ' ') n = i + 1;
+  }
+  out21[n] = '\0';
+  return out21;
+}
+
+void Allocate_RVec(VMI *vmi, RVec &v, int32_t length, int32_t numThread) {
+  Rec_Allocate<double>(vmi, v, length, numThread);
+}
+void Allocate_Ivec(VMI *vmi, IVec &v, int32_t length, int32_t numThread) {
+  Rec_Allocate<int32_t>(vmi, v, length, numThread);
+}
+void Allocate_Int(VMI *vmi, IntVec &v, const char *name, int32_t length) { Plain_Allocate(vmi, v, name, length); }
+void Allocate_LInt(VMI *vmi, LIntVec &v, const char *name, int32_t length) { Plain_Allocate(vmi, v, name, length); }
+void Allocate_Log(VMI *vmi, LogVec &v, const char *name, int32_t length) { Plain_Allocate(vmi, v, name, length); }
+
+void Deallocate_RVec(VMI *vmi, RVec &v, bool mustExist) { Rec_Deallocate<double>(vmi, v, mustExist); }
+void Deallocate_IVec(VMI *vmi, IVec &v, bool mustExist) { Rec_Deallocate<int32_t>(vmi, v, mustExist); }
+void Deallocate_Int(VMI *vmi, IntVec &v, const char *name, bool mustExist) {
+  Plain_Deallocate(vmi, v, name, mustExist);
+}
+void Deallocate_LInt(VMI *vmi, LIntVec &v, const char *name, bool mustExist) {
+  Plain_Deallocate(vmi, v, name, mustExist);
+}
+void Deallocate_Log(VMI *vmi, LogVec &v, const char *name, bool mustExist) {
+  Plain_Deallocate(vmi, v, name, mustExist);
+}
+
+void Increase_RVec(VMI *vmi, RVec &v, int32_t delta, bool keep) { Rec_Increase<double>(vmi, v, delta, keep); }
+void Increase_IVec(VMI *vmi, IVec &v, int32_t delta, bool keep) { Rec_Increase<int32_t>(vmi, v, delta, keep); }
+void Increase_Int(VMI *vmi, IntVec &v, const char *name, int32_t delta, bool keep) {
+  Plain_Increase(vmi, v, name, delta, keep);
+}
+void Increase_Log(VMI *vmi, LogVec &v, const char *name, int32_t delta, bool keep) {
+  Plain_Increase(vmi, v, name, delta, keep);
+}
+
+void Reuse_RVec(VMI *vmi, RVec &vecOld, RVec &vecNew) {
+  char oldName[21], newName[21];
+  Trim_Name(vecOld.Name, oldName);
+  Trim_Name(vecNew.Name, newName);
+  if (vmi->Trace_Memory > 0) Doc(vmi, "Reuse_RVec called with Vecold= %s and VecNew= %s", oldName, newName);
+  if (vecNew.Base != nullptr) {
+    Doc(vmi, " ** Systems Error **  VecNew %s is already associated in Reuse_RVec.", newName);
+    Internal_Error(vmi, 3401, true);
+    return;
+  }
+  if (vecOld.Base == nullptr) {
+    Doc(vmi, " ** Systems Error **  VecOld %s is not associated in Reuse_RVec.", oldName);
+    Internal_Error(vmi, 3402, true);
+    return;
+  }
+  vecNew.Base = vecOld.Base;
+  vecNew.BaseSize = vecOld.BaseSize;
+  vecNew.Val = vecOld.Val;
+  vecNew.Extent = vecOld.Extent;
+  vecNew.Length = vecOld.Length;
+  vecNew.NumThread = vecOld.NumThread;
+  vecNew.Offset = vecOld.Offset;
+  vecNew.Temp = vecOld.Temp;
+  vecOld.Base = nullptr;
+  vecOld.Val = nullptr;
+  vecOld.BaseSize = 0;
+  vecOld.Extent = 0;
+  vecOld.Temp = false;
+}
+
+void Reuse_Int(VMI *vmi, IntVec &vecOld, const char *oldName, IntVec &vecNew, const char *newName) {
+  if (vmi->Trace_Memory > 0) Doc(vmi, "Reuse_Int called with Vecold= %s and VecNew= %s", oldName, newName);
+  if (vecNew.Alloc) {
+    Doc(vmi, " ** Systems Error **  VecNew %s is already associated in Reuse_Int.", newName);
+    Internal_Error(vmi, 3403, true);
+    return;
+  }
+  if (!vecOld.Alloc) {
+    Doc(vmi, " ** Systems Error **  VecOld %s is not associated in Reuse_Int.", oldName);
+    Internal_Error(vmi, 3404, true);
+    return;
+  }
+  vecNew = vecOld;
+  vecOld = IntVec();
+}
+
+void TempUse_RVec(VMI *vmi, RVec &src, RVec &temp, int32_t length) {
+  char name[21];
+  Trim_Name(src.Name, name);
+  if (src.Base == nullptr) {
+    Doc(vmi, " ** Systems Error **  VecOld %s is not associated in TempUse_RVec.", name);
+    Internal_Error(vmi, 3402, true);
+    return;
+  }
+  if (length > src.Length) {
+    Doc(vmi, " ** Systems Error **  VecOld %s has length%10d but argument length=%10d", name, src.Length,
+        length);
+    Internal_Error(vmi, 3402, true);
+    return;
+  }
+  temp.Base = src.Base;
+  temp.BaseSize = src.BaseSize;
+  temp.Val = src.Val;
+  temp.Extent = length;
+  temp.Length = length;
+  temp.NumThread = 1;
+  temp.Offset = 0;
+  temp.Temp = true;
+}
+
+void MemStat(VMI *vmi) {
+  Doc(vmi, "Totals for allocated vectors and elements:");
+  Doc(vmi, "NumVec_Int  =%4d NumEle_Int  =%12" PRId64, vmi->NumVec_Int, vmi->NumEle_Int);
+  Doc(vmi, "NumVec_Real =%4d NumEle_Real =%12" PRId64, vmi->NumVec_Real, vmi->NumEle_Real);
+  Doc(vmi, "NumVec_Log  =%4d NumEle_Log  =%12" PRId64, vmi->NumVec_Log, vmi->NumEle_Log);
+  Doc(vmi, "Current memory use=%13" PRId64 " Maximum memory use=%13" PRId64 " Total Memory Allocated=%13" PRId64,
+      vmi->Mem_Current, vmi->Mem_Max, vmi->Mem_Total);
+  if (vmi->NumEle_Real * 8 + (vmi->NumEle_Int + vmi->NumEle_Log) * 4 != vmi->Mem_Current) {
+    Doc(vmi, "Fatal Error: Memory imbalance from MemStat.");
+    Internal_Error(vmi, 9998, true);
+  }
+}
+
+void Test_Zero(VMI *vmi, const RVec &v, const char *caller) { Rec_Test_Zero<double>(vmi, v, caller); }
+void Test_Zero(VMI *vmi, const IVec &v, const char *caller) { Rec_Test_Zero<int32_t>(vmi, v, caller); }
+
+}  // namespace vlu
