@@ -27,4 +27,14 @@ void Increase_L(VMI *vmi, int32_t demand);
 void DefNan(VMI *vmi);
 void Turnoff_Degeneracy(VMI *vmi);
 
+// Steps of one pass of LUFactor before ExtractBasis: lists the basic columns
+// in VIM%Cbto (slacks first), allocates the bump vectors at the first need,
+// sizes the stores and checks that the basis is square.  Returns false when
+// the pass cannot go on (VMI%Exception is then set).  *elemnt receives the
+// element count of the basic columns, each slack counted 1.
+bool LU_Setup_Pass(VMI *vmi, int32_t *elemnt);
+// The tolerance rules applied after a pass.  Returns true when the pass is
+// to be restarted with the raised tolerance.
+bool LU_Tolerance_Rules(VMI *vmi);
+
 }  // namespace vlu

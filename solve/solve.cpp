@@ -1,0 +1,231 @@
+// Forward solve with the factors: W = U^-1 R L^-1 W, in place, by row.
+//
+// L stands in the L-file as eta columns (LUF%Lsor addresses them), followed
+// by the row etas that updates append (LUF%Lstr addresses those).  U stands
+// in its column copy (LUF%Cstr, LUF%Clen, LUF%Ir, LUF%Ucmat), pivot first in
+// every column.
+#include "solve/solve.h"
+
+#include <cmath>
+#include <cstdint>
+
+#include "factor/factor.h"
+#include "runtime/clock.h"
+#include "runtime/dumps.h"
+#include "runtime/messages.h"
+
+namespace vlu {
+
+namespace {
+
+// Dot product of one row eta, positions from..to: eight partial sums over
+// blocks of eight, combined at the end, then the remainder one by one.  The
+// grouping fixes the rounding and must stay as it is.
+inline double Eta_Dot(const double *lmat, const int32_t *lpiv, const double *w,
+                      int32_t from, int32_t to) {
+  double s0 = 0.0, s1 = 0.0, s2 = 0.0, s3 = 0.0;
+  double s4 = 0.0, s5 = 0.0, s6 = 0.0, s7 = 0.0;
+  int32_t p = from;
+  const int32_t blockEnd = from + ((to - from + 1) / 8) * 8;
+  for (; p < blockEnd; p += 8) {
+    s0 += lmat[p] * w[lpiv[p]];
+    s1 += lmat[p + 1] * w[lpiv[p + 1]];
+    s2 += lmat[p + 2] * w[lpiv[p + 2]];
+    s3 += lmat[p + 3] * w[lpiv[p + 3]];
+    s4 += lmat[p + 4] * w[lpiv[p + 4]];
+    s5 += lmat[p + 5] * w[lpiv[p + 5]];
+    s6 += lmat[p + 6] * w[lpiv[p + 6]];
+    s7 += lmat[p + 7] * w[lpiv[p + 7]];
+  }
+  double sum = s0 + s1 + s2 + s3 + s4 + s5 + s6 + s7;
+  for (; p <= to; ++p) sum += lmat[p] * w[lpiv[p]];
+  return sum;
+}
+
+}  // namespace
+
+void L_Solve(VMI *vmi, RVec &w) {
+  const bool timing = vmi->Timing;
+  const double t0 = timing ? Clock_Read(vmi) : 0.0;
+
+  LUF *luf = vmi->Luf;
+  double *W = w.Val;
+  const int32_t *lsor = luf->Lsor.V;
+  const int32_t *lrow = luf->Lrow.V;
+  const int32_t *lpiv = luf->Lpiv.V;
+  const double *lmat = luf->Lmat.Val;
+  const int32_t nCols = luf->L_Cols;
+  const int32_t m = lsor[nCols + 1] - 1;
+
+  // First stage: the L columns of the factorization.
+  if (2 * static_cast<int64_t>(nCols) < static_cast<int64_t>(m) + 1) {
+    // Long columns on average: a zero pivot value skips the whole column.
+    for (int32_t k = 1; k <= nCols; ++k) {
+      const int32_t p0 = lsor[k], p1 = lsor[k + 1];
+      if (p0 == p1) continue;
+      const double x = W[lpiv[p0]];
+      if (x != 0.0)
+        for (int32_t p = p0; p < p1; ++p) W[lrow[p]] -= lmat[p] * x;
+    }
+  } else {
+    // Short columns: one flat pass, cheaper than testing each column.
+    for (int32_t p = 1; p <= m; ++p) W[lrow[p]] -= lmat[p] * W[lpiv[p]];
+  }
+
+  // Second stage: the row etas of the updates.
+  const int32_t used = luf->LFileUsed;
+  const int32_t e = used - m;
+  const int32_t groups = luf->L_Groups;
+  if (e > 0 || groups > 0) {
+    if (5 * static_cast<int64_t>(groups) < static_cast<int64_t>(e)) {
+      const int32_t *lstr = luf->Lstr.V;
+      int32_t prevEnd = m;
+      for (int32_t g = 1; g <= groups; ++g) {
+        const int32_t last = lstr[g + 1] - 1;
+        const int32_t first = prevEnd + 1;
+        if (last >= first) {
+          W[lrow[last]] -= Eta_Dot(lmat, lpiv, W, first, last);
+        } else if (last >= 1) {
+          W[lrow[last]] -= 0.0;  // an empty eta: nothing to add
+        }
+        prevEnd = last;
+      }
+    } else {
+      for (int32_t p = m + 1; p <= used; ++p) W[lrow[p]] -= lmat[p] * W[lpiv[p]];
+    }
+  }
+
+  if (timing) {
+    vmi->Vim->Calls_L_Solve += 1;
+    vmi->Vim->Time_L_Solve += Clock_Read(vmi) - t0;
+  }
+}
+
+void Vdsuxy(VMI *vmi, RVec &w) {
+  const bool timing = vmi->Timing;
+  const double t0 = timing ? Clock_Read(vmi) : 0.0;
+
+  VIM *vim = vmi->Vim;
+  LUF *luf = vmi->Luf;
+  double *W = w.Val;
+  const int32_t n = vim->NumRow;
+  const int32_t *rnto = vim->Rnto.V;
+  const int32_t *cnto = vim->Cnto.V;
+  const int32_t *cstr = luf->Cstr.V;
+  const int32_t *clen = luf->Clen.V;
+  const int32_t *ir = luf->Ir.V;
+  const double *ucmat = luf->Ucmat.Val;
+  int32_t *helpi = vim->HelpI.V;
+
+  int32_t numNz = 0;
+  double maxAbs = 0.0;
+  for (int32_t k = n; k >= 1; --k) {
+    const int32_t r = rnto[k];
+    double x = W[r];
+    if (x == 0.0) {
+      W[r] = 0.0;  // also turns a negative zero into +0
+      continue;
+    }
+    const int32_t c = cnto[k];
+    const int32_t q = cstr[c];
+    x = x / ucmat[q];
+    W[r] = x;
+    helpi[++numNz] = r;
+    const double ax = std::fabs(x);
+    // A NaN, once seen, stays the maximum.
+    if (ax > maxAbs || ax != ax) maxAbs = ax;
+    const int32_t qEnd = q + clen[c];
+    for (int32_t p = q + 1; p < qEnd; ++p) W[ir[p]] -= ucmat[p] * x;
+  }
+  vim->Num_UpNz = numNz;
+  vim->Max_UpCol = maxAbs;
+
+  if (maxAbs != maxAbs || maxAbs >= 1.0e100) {
+    if (vmi->Trace_Inv >= 1) Doc(vmi, "DefNan called from Vdsuxy. Max_UpCol=%15.7E", maxAbs);
+    if (vmi->Trace_Inv >= 2) PS_RVec(vmi, w, "VIM%Work1", n);
+    DefNan(vmi);
+  }
+
+  if (timing) {
+    vim->Calls_Vdsuxy += 1;
+    vim->Time_Vdsuxy += Clock_Read(vmi) - t0;
+  }
+}
+
+void Solve_Ftran(VMI *vmi, RVec &w) {
+  const bool detail = vmi->Timing && vmi->Timing_Detail;
+  const double t0 = detail ? Clock_Read(vmi) : 0.0;
+  L_Solve(vmi, w);
+  const double t1 = detail ? Clock_Read(vmi) : 0.0;
+  Vdsuxy(vmi, w);
+  if (detail) {
+    const double t2 = Clock_Read(vmi);
+    vmi->Vim->Time_Ftran_L += t1 - t0;
+    vmi->Vim->Time_Ftran_U += t2 - t1;
+  }
+}
+
+int32_t L_Solve_Sparse(VMI *vmi, RVec &w, IntVec &list, IntVec &marks, int32_t listLen) {
+  const bool timing = vmi->Timing;
+  const double t0 = timing ? Clock_Read(vmi) : 0.0;
+
+  LUF *luf = vmi->Luf;
+  double *W = w.Val;
+  int32_t *lst = list.V;
+  int32_t *mk = marks.V;
+  const int32_t *lsor = luf->Lsor.V;
+  const int32_t *lrow = luf->Lrow.V;
+  const int32_t *lpiv = luf->Lpiv.V;
+  const double *lmat = luf->Lmat.Val;
+  const int32_t nCols = luf->L_Cols;
+  const int32_t m = lsor[nCols + 1] - 1;
+  int32_t len = listLen;
+
+  // L columns, column form: only columns whose pivot row is listed matter.
+  for (int32_t k = 1; k <= nCols; ++k) {
+    const int32_t p0 = lsor[k], p1 = lsor[k + 1];
+    if (p0 == p1) continue;
+    const int32_t piv = lpiv[p0];
+    if (mk[piv] == 0) continue;
+    const double x = W[piv];
+    if (x == 0.0) continue;
+    for (int32_t p = p0; p < p1; ++p) {
+      const int32_t r = lrow[p];
+      W[r] -= lmat[p] * x;
+      if (mk[r] == 0) {
+        mk[r] = 1;
+        lst[++len] = r;
+      }
+    }
+  }
+
+  // Row etas, dot form.
+  const int32_t groups = luf->L_Groups;
+  if (groups > 0) {
+    const int32_t *lstr = luf->Lstr.V;
+    int32_t prevEnd = m;
+    for (int32_t g = 1; g <= groups; ++g) {
+      const int32_t last = lstr[g + 1] - 1;
+      const int32_t first = prevEnd + 1;
+      prevEnd = last;
+      if (last < first) {
+        if (last >= 1) W[lrow[last]] -= 0.0;
+        continue;
+      }
+      const int32_t r = lrow[last];
+      W[r] -= Eta_Dot(lmat, lpiv, W, first, last);
+      if (mk[r] == 0 && W[r] != 0.0) {
+        mk[r] = 1;
+        lst[++len] = r;
+      }
+    }
+  }
+
+  if (timing) {
+    vmi->Vim->Calls_L_Solve_Sparse += 1;
+    vmi->Vim->Time_L_Solve_Sparse += Clock_Read(vmi) - t0;
+  }
+  return len;
+}
+
+}  // namespace vlu
