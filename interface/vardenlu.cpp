@@ -7,6 +7,7 @@
 
 #include "factor/factor.h"
 #include "interface/state.h"
+#include "runtime/block_cache.h"
 #include "runtime/messages.h"
 #include "runtime/records.h"
 #include "vardenlu.h"
@@ -146,6 +147,7 @@ VLU_API int vlu_create(void) {
 VLU_API void vlu_destroy(void) {
   IfaceState &s = Iface();
   if (s.dataReady) Release_All(s);
+  Block_Cache_Drain();
   s.envExists = false;
 }
 

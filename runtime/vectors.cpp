@@ -1,6 +1,7 @@
 // Managed vectors: allocation, enlargement, hand-over and release, with the
 // memory statistics of the environment kept exact to the element.
 #include "runtime/vectors.h"
+#include "runtime/block_cache.h"
 
 #include <algorithm>
 #include <cinttypes>
@@ -71,7 +72,12 @@ bool Over_Limit(const VMI *vmi, int64_t bytes) {
 // zero bytes.
 void *Raw_Alloc(int64_t bytes) {
   if (bytes < 0) return nullptr;
-  return std::malloc(static_cast<size_t>(std::max<int64_t>(bytes, 8)));
+  return Block_Get(static_cast<size_t>(std::max<int64_t>(bytes, 8)));
+}
+
+// Gives back a block of Raw_Alloc(bytes).
+void Raw_Free(void *p, int64_t bytes) {
+  Block_Put(p, static_cast<size_t>(std::max<int64_t>(bytes, 8)));
 }
 
 // Reports a condition of a managed vector: the text first, then the
@@ -245,7 +251,7 @@ template <typename T> void Rec_Deallocate(VMI *vmi, RecVec<T> &v, bool mustExist
   const int32_t size = v.BaseSize;
   if (vmi->Trace_Memory > 0)
     Doc(vmi, "%s: Vector %s Associated=%s Length=%10d", routine, name, Flag(true), size);
-  std::free(v.Base);
+  Raw_Free(v.Base, int64_t(size) * int64_t(sizeof(T)));
   Account(vmi, Info::Class, -1, -int64_t(size));
   vmi->Mem_Current -= int64_t(size) * int64_t(sizeof(T));
   v.Base = nullptr;
@@ -294,7 +300,7 @@ template <typename T> void Rec_Increase(VMI *vmi, RecVec<T> &v, int32_t delta, b
   vmi->Mem_Max = std::max(vmi->Mem_Max, vmi->Mem_Current + newBytes);
   vmi->Mem_Current += newBytes - oldBytes;
 
-  std::free(v.Base);
+  Raw_Free(v.Base, oldBytes);
   v.Base = base;
   v.BaseSize = newSize;
   v.Val = val;
@@ -404,7 +410,7 @@ void Plain_Deallocate(VMI *vmi, PlainVec<T, K> &v, const char *name, bool mustEx
   const int32_t size = v.Size;
   if (vmi->Trace_Memory > 0)
     Doc(vmi, "%s: Vector %s Associated=%s Length=%10d", info.dealloc, name, Flag(true), size);
-  std::free(v.Raw);
+  Raw_Free(v.Raw, int64_t(size) * int64_t(sizeof(T)));
   Account(vmi, info.cls, -1, -int64_t(size) * info.count);
   vmi->Mem_Current -= int64_t(size) * info.width;
   v.Raw = nullptr;
@@ -451,7 +457,7 @@ void Plain_Increase(VMI *vmi, PlainVec<T, K> &v, const char *name, int32_t delta
   vmi->Mem_Max = std::max(vmi->Mem_Max, vmi->Mem_Current + newBytes);
   vmi->Mem_Current += newBytes - oldBytes;
 
-  std::free(v.Raw);
+  Raw_Free(v.Raw, int64_t(oldSize) * int64_t(sizeof(T)));
   v = fresh;
   if (vmi->Clear_On_Alloc) Fill<T>(v.V, oldSize + 1, newSize, T(0));
   if (vmi->Define_On_Alloc && K == PlainKind::Int) Fill<T>(v.V, oldSize + 1, newSize, T(Undef_Int));
