@@ -11,7 +11,7 @@ constexpr int CacheSlots = 0;
 #else
 constexpr int CacheSlots = 96;
 #endif
-constexpr size_t CacheLimit = size_t(512) << 20;  // bytes kept at most
+constexpr size_t CacheLimit = size_t(4) << 30;  // bytes kept at most
 
 struct Slot {
   void *p;
@@ -29,20 +29,15 @@ void Take(int i) {
 }  // namespace
 
 void *Block_Get(size_t bytes) {
-  // The same size first, then the smallest block at most a quarter larger.
-  int best = -1;
-  for (int i = 0; i < g_used; ++i) {
-    size_t b = g_slots[i].bytes;
-    if (b == bytes) {
-      best = i;
-      break;
+  // Only a block of exactly this size: a factorization asks for the same
+  // sequence of sizes as the one before it, and a looser match would let a
+  // larger request go without.
+  for (int i = g_used - 1; i >= 0; --i) {
+    if (g_slots[i].bytes == bytes) {
+      void *p = g_slots[i].p;
+      Take(i);
+      return p;
     }
-    if (b > bytes && b - bytes <= bytes / 4 && (best < 0 || b < g_slots[best].bytes)) best = i;
-  }
-  if (best >= 0) {
-    void *p = g_slots[best].p;
-    Take(best);
-    return p;
   }
   return std::malloc(bytes);
 }

@@ -1,5 +1,5 @@
 // Raw memory behind the managed vectors.  Released blocks are kept in a small
-// cache and handed out again for a request of (nearly) the same size, so that
+// cache and handed out again for a request of the same size, so that
 // a repeated factorization of the same size reuses warm memory instead of
 // returning it to the system and faulting it in again.  The accounting of
 // the managed vectors does not see the cache: a cached block counts as
