@@ -306,4 +306,29 @@ TEST_F(Update, SingularChangeReturnsThree) {
   EXPECT_EQ(vlu_getnumsing(), 0);
 }
 
+TEST_F(Update, TinyEnteringPivotReturnsThree) {
+  // The entering column's only element is below the absolute pivot
+  // tolerance: the refactorization puts the slack back and reports it.
+  int n = 2, nz = 2;
+  std::vector<int> colStart = {1, 2, 3}, rowIdx = {1, 2}, colIdx = {1, 2};
+  std::vector<double> val = {1.0, 1.0e-12};
+  std::vector<int> st = {2, 0, 0, 0, 2};
+  ASSERT_EQ(vlu_factor(&n, &nz, colStart.data(), rowIdx.data(), colIdx.data(), val.data(),
+                       nullptr, st.data()),
+            0);
+  int q = 2, l = 5;
+  st[1] = 2;
+  st[4] = 0;
+  EXPECT_EQ(vlu_update(st.data(), &q, &l, &zero), 3);
+  EXPECT_EQ(vlu_getnumsing(), 1);
+  int f, u, r;
+  Stats(f, u, r);
+  EXPECT_EQ(f, 1);
+  EXPECT_EQ(u, 0);
+  EXPECT_EQ(r, 0);
+  EXPECT_EQ(vlu::Iface().curStat[2], 2);
+  EXPECT_EQ(vlu::Iface().env->Vim->Basc[2], 0);
+  EXPECT_EQ(vlu::Iface().env->Vim->Basc[5], 2);
+}
+
 }  // namespace
