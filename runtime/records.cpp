@@ -21,32 +21,14 @@ int64_t Test_Heap_Limit = 0;
 
 namespace {
 
-// Names of the record vectors, given once when the record is created.
-void Name_VIM(VIM *r) {
-  Set_Name(r->Jace, "VIM%Jace");
-  Set_Name(r->WorkZ, "VIM%WorkZ");
-  Set_Name(r->AUrmat, "VIM%AUrmat");
-  Set_Name(r->Work1, "VIM%Work1");
-  Set_Name(r->UpdtWeight, "VIM%UpdtWeight");
-  Set_Name(r->X1Row, "VIM%X1Row");
-  Set_Name(r->DegBnd, "VIM%DegBnd");
-  Set_Name(r->XSol, "VIM%XSol");
-  Set_Name(r->Xmin, "VIM%Xmin");
-  Set_Name(r->Xmax, "VIM%Xmax");
-  Set_Name(r->ColAcc, "VIM%ColAcc");
-}
-void Name_LUF(LUF *r) {
-  Set_Name(r->Ucmat, "LUF%Ucmat");
-  Set_Name(r->Lmat, "LUF%Lmat");
-}
-void Name_IIN(IIN *r) {
-  Set_Name(r->Clmx, "IIN%Clmx");
-  Set_Name(r->Mmat, "IIN%Mmat");
-  Set_Name(r->Clmin, "IIN%Clmin");
-  Set_Name(r->Rlin, "IIN%Rlin");
-  Set_Name(r->Clin, "IIN%Clin");
-}
-void Name_BND(BND *r) { Set_Name(r->Step, "BND%Step"); }
+// Names of the record vectors, given once when the record is created; plain
+// vectors have no name slot.
+struct Name_Slot {
+  template <typename T>
+  void operator()(const char *name, RecVec<T> &x) const { Set_Name(x, name); }
+  template <typename T, PlainKind K>
+  void operator()(const char *, PlainVec<T, K> &) const {}
+};
 
 void Blank_Block(VMI *v) {
   std::memset(v->Msg_Line, ' ', MsgWidth);
@@ -116,15 +98,15 @@ void Allocate_Space(VMI **env, int *status) {
   if (!New_Record(v->Anon)) { *status = 2; return; }
   if (!New_Record(v->Vum)) { *status = 3; return; }
   if (!New_Record(v->Vim)) { *status = 4; return; }
-  Name_VIM(v->Vim);
+  ForEachVec(*v->Vim, Name_Slot{});
   if (!New_Record(v->Vpi)) { *status = 5; return; }
   if (!New_Record(v->Luf)) { *status = 6; return; }
-  Name_LUF(v->Luf);
+  ForEachVec(*v->Luf, Name_Slot{});
   if (!New_Record(v->Iin)) { *status = 7; return; }
-  Name_IIN(v->Iin);
+  ForEachVec(*v->Iin, Name_Slot{});
   if (!New_Record(v->Vdp)) { *status = 8; return; }
   if (!New_Record(v->Bnd)) { *status = 9; return; }
-  Name_BND(v->Bnd);
+  ForEachVec(*v->Bnd, Name_Slot{});
   Record_Defaults(v);
 }
 
@@ -280,26 +262,19 @@ struct Release_Slot {
   void operator()(const char *, IVec &x) const { Deallocate_IVec(v, x); }
 };
 
-void LUF_Deallocate(VMI *v, int *) {
-  if (v->Luf == nullptr) return;
-  ForEachVec(*v->Luf, Release_Slot{v});
-  delete v->Luf;
-  v->Luf = nullptr;
+// Releases the vectors of one record, then the record; a null record is
+// left alone.
+template <typename R>
+void Release_Record(VMI *v, R *&record) {
+  if (record == nullptr) return;
+  ForEachVec(*record, Release_Slot{v});
+  delete record;
+  record = nullptr;
 }
 
-void IIN_Deallocate(VMI *v, int *) {
-  if (v->Iin == nullptr) return;
-  ForEachVec(*v->Iin, Release_Slot{v});
-  delete v->Iin;
-  v->Iin = nullptr;
-}
-
-void VIM_Deallocate(VMI *v, int *) {
-  if (v->Vim == nullptr) return;
-  ForEachVec(*v->Vim, Release_Slot{v});
-  delete v->Vim;
-  v->Vim = nullptr;
-}
+void LUF_Deallocate(VMI *v, int *) { Release_Record(v, v->Luf); }
+void IIN_Deallocate(VMI *v, int *) { Release_Record(v, v->Iin); }
+void VIM_Deallocate(VMI *v, int *) { Release_Record(v, v->Vim); }
 
 void VUM_Deallocate(VMI *v, int *) {
   delete v->Vum;
@@ -322,11 +297,7 @@ void VMI_Deallocate(VMI **env, int *status) {
   delete v->Anon;
   v->Anon = nullptr;
   VPI_Deallocate(v, status);
-  if (v->Bnd != nullptr) {
-    ForEachVec(*v->Bnd, Release_Slot{v});
-    delete v->Bnd;
-    v->Bnd = nullptr;
-  }
+  Release_Record(v, v->Bnd);
   LUF_Deallocate(v, status);
   IIN_Deallocate(v, status);
   VDP_Deallocate(v, status);

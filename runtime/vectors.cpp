@@ -125,6 +125,20 @@ void Memory_Failure(VMI *vmi, const char *routine, const char *name, int32_t n, 
   Raise_Exception(vmi, 96);
 }
 
+// The limit test and the raw block of an allocation or an enlargement.  On
+// failure the memory failure path runs and null comes back.
+template <typename T>
+T *Get_Block(VMI *vmi, int64_t bytes, const char *routine, const char *name, int32_t n,
+             bool increase) {
+  if (Over_Limit(vmi, bytes)) {
+    Memory_Failure(vmi, routine, name, n, increase, true);
+    return nullptr;
+  }
+  T *p = static_cast<T *>(Raw_Alloc(bytes));
+  if (p == nullptr) Memory_Failure(vmi, routine, name, n, increase, false);
+  return p;
+}
+
 // ---------------------------------------------------------------------------
 // Record vectors.
 
@@ -193,15 +207,8 @@ template <typename T> void Rec_Allocate(VMI *vmi, RecVec<T> &v, int32_t length, 
   const int32_t size = Rec_AllocSize<T>(length, numThread);
   const int32_t total = TotalLength(length, numThread, v.Offset);
   const int64_t bytes = int64_t(size) * int64_t(sizeof(T));
-  if (Over_Limit(vmi, bytes)) {
-    Memory_Failure(vmi, routine, name, length, false, true);
-    return;
-  }
-  T *base = static_cast<T *>(Raw_Alloc(bytes));
-  if (base == nullptr) {
-    Memory_Failure(vmi, routine, name, length, false, false);
-    return;
-  }
+  T *base = Get_Block<T>(vmi, bytes, routine, name, length, false);
+  if (base == nullptr) return;
   Count_New(vmi, bytes);
   Account(vmi, Info::Class, 1, size);
 
@@ -283,15 +290,8 @@ template <typename T> void Rec_Increase(VMI *vmi, RecVec<T> &v, int32_t delta, b
   }
   const int64_t newBytes = int64_t(newSize) * int64_t(sizeof(T));
   const int64_t oldBytes = int64_t(v.BaseSize) * int64_t(sizeof(T));
-  if (Over_Limit(vmi, newBytes)) {
-    Memory_Failure(vmi, routine, name, delta, true, true);
-    return;
-  }
-  T *base = static_cast<T *>(Raw_Alloc(newBytes));
-  if (base == nullptr) {
-    Memory_Failure(vmi, routine, name, delta, true, false);
-    return;
-  }
+  T *base = Get_Block<T>(vmi, newBytes, routine, name, delta, true);
+  if (base == nullptr) return;
   T *val = Aligned_View(base);
   if (keep && oldLength > 0) std::memcpy(val + 1, v.Val + 1, size_t(oldLength) * sizeof(T));
 
@@ -372,15 +372,8 @@ void Plain_Allocate(VMI *vmi, PlainVec<T, K> &v, const char *name, int32_t lengt
     return;
   }
   const int64_t bytes = int64_t(length) * info.width;
-  if (Over_Limit(vmi, bytes)) {
-    Memory_Failure(vmi, info.alloc, name, length, false, true);
-    return;
-  }
-  T *raw = static_cast<T *>(Raw_Alloc(int64_t(length) * int64_t(sizeof(T))));
-  if (raw == nullptr) {
-    Memory_Failure(vmi, info.alloc, name, length, false, false);
-    return;
-  }
+  T *raw = Get_Block<T>(vmi, bytes, info.alloc, name, length, false);
+  if (raw == nullptr) return;
   Count_New(vmi, bytes);
   Account(vmi, info.cls, 1, int64_t(length) * info.count);
   v.Raw = raw;
@@ -436,15 +429,8 @@ void Plain_Increase(VMI *vmi, PlainVec<T, K> &v, const char *name, int32_t delta
   const int32_t newSize = Wrap_Add(oldSize, delta);
   const int64_t newBytes = int64_t(newSize) * info.width;
   const int64_t oldBytes = int64_t(oldSize) * info.width;
-  if (Over_Limit(vmi, newBytes)) {
-    Memory_Failure(vmi, info.incr, name, delta, true, true);
-    return;
-  }
-  T *raw = static_cast<T *>(Raw_Alloc(int64_t(newSize) * int64_t(sizeof(T))));
-  if (raw == nullptr) {
-    Memory_Failure(vmi, info.incr, name, delta, true, false);
-    return;
-  }
+  T *raw = Get_Block<T>(vmi, newBytes, info.incr, name, delta, true);
+  if (raw == nullptr) return;
   PlainVec<T, K> fresh;
   fresh.Raw = raw;
   fresh.V = raw - 1;
