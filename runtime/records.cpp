@@ -141,8 +141,9 @@ void Allocate_Inversion(VMI *v) {
   IIN *iin = v->Iin;
 
   // Thread set-up: more than one thread only when asked for.
-  int32_t maxThreads = static_cast<int32_t>(std::thread::hardware_concurrency());
-  if (maxThreads < 1) maxThreads = 1;
+  // The system is asked once: the query reads a file on some platforms.
+  static const int32_t maxThreads =
+      std::max<int32_t>(1, static_cast<int32_t>(std::thread::hardware_concurrency()));
   if (v->Threads > 1) {
     std::printf("Using Threads= %d and MaxThreads= %d\n", v->Threads, maxThreads);
     if (v->Threads > maxThreads) v->Threads = maxThreads;
