@@ -15,6 +15,7 @@
 #include "runtime/messages.h"
 #include "runtime/primitives.h"
 #include "runtime/records.h"
+#include "runtime/test_hooks.h"
 #include "runtime/vectors.h"
 
 namespace vlu {
@@ -166,9 +167,13 @@ bool LU_Setup_Pass(VMI *vmi, int32_t *elemntOut) {
     const bool small = n <= 32000;
     const double cap = 2.0 * std::max(8.0, f * dn) * dn;
 
-    const int32_t demandU = Capped(
+    int32_t demandU = Capped(
         std::max({1.7 * uIni, uIni + 2.0 * dn, std::max(2.5, 2.0 * f) * de + 8.0 * dn}), cap,
         small);
+    // Tests may ask for the least room the triangular phases need, so that the
+    // elimination makes the rest of its room itself.
+    if (Test_Options.Min_Space)
+      demandU = std::min(demandU, Capped((f + 1.0) * de + 9.0 * dn + 16.0, cap, small));
     if (demandU > luf->RowUSpace) {
       // No U survives: the file is empty before it grows.
       luf->U_elefirst = luf->RowUSpace + 1;
@@ -177,8 +182,10 @@ bool LU_Setup_Pass(VMI *vmi, int32_t *elemntOut) {
       if (vmi->Exception != 0) return false;
     }
 
-    const int32_t demandA = Capped(
+    int32_t demandA = Capped(
         std::max({1.2 * uIni, uIni + 2.0 * dn, 1.5 * f * (de + dn) + 8.0 * dn}), cap, small);
+    if (Test_Options.Min_Space)
+      demandA = std::min(demandA, Capped(f * de + 9.0 * dn + 16.0, cap, small));
     if (demandA > luf->ColASpace) {
       Increase_ASpace(vmi, demandA);
       if (vmi->Exception != 0) return false;
@@ -290,6 +297,11 @@ void LUFactor(VMI *vmi) {
   iin->MarkMax = iin->MarkBad - 2;
   const bool newBasisOnEntry = vim->NewBasis;
 
+  // Columns that a pass replaced by slacks stay replaced when the tolerance
+  // rules start the basis over; they are counted here, so that the outcome
+  // reports every column the factorization gave up, not only those of the
+  // last pass.
+  int32_t singEarlier = 0;
   bool publish = true;
   for (;;) {
     int32_t elemnt = 0;
@@ -380,6 +392,7 @@ void LUFactor(VMI *vmi) {
     if (LU_Tolerance_Rules(vmi)) {
       if (vmi->Trace_Inv >= 1) Doc(vmi, "Restarting inversion with new tolerance.");
       if (vim->Num_Sing > 0) Zero_Int(vim->HelpZ.V, vim->Num_Sing);
+      singEarlier += vim->Num_Sing;
       continue;
     }
 
@@ -396,6 +409,8 @@ void LUFactor(VMI *vmi) {
     }
     break;
   }
+
+  vim->Num_Sing += singEarlier;
 
   // 17. Publish the order: Rwcl(i) is the model column pivoting on row i,
   // Cbto(k) the model column of the k-th pivot.

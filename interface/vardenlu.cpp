@@ -10,6 +10,7 @@
 #include "runtime/block_cache.h"
 #include "runtime/messages.h"
 #include "runtime/records.h"
+#include "runtime/test_hooks.h"
 #include "vardenlu.h"
 
 namespace vlu {
@@ -173,6 +174,7 @@ VLU_API int vlu_factor(const int *n_, const int *nz_, const int *colStart, const
   v->Msg_Style = 0;
   v->Threads = 1;
   v->Max_Updates = s.updateLimit;
+  Apply_Test_Hooks(v);
 
   const int32_t n = *n_, nz = *nz_;
   s.numRows = n;
