@@ -228,6 +228,14 @@ VLU_API int vlu_factor(const int *n_, const int *nz_, const int *colStart, const
   for (int32_t j = 1; j <= 2 * n + 1; ++j) s.curStat[j] = basisStat[j - 1];
 
   LUFactor(v);
+  // Space that the factorization could not get is the caller's out-of-memory
+  // result, like space missing for the records themselves: nothing stays
+  // allocated.
+  if (!v->EnoughSpace) {
+    std::printf("after LUFactor(), not VMI%%EnoughSpace\n");
+    Release_All(s);
+    return 4;
+  }
   if (v->Exception != 0) Hard_Stop("VMI%Exception is not zero");
 
   int32_t singCnt = Reconcile(s);
