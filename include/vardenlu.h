@@ -21,6 +21,15 @@
 #ifndef VARDENLU_H
 #define VARDENLU_H
 
+/* Version of this header, the same as the version of the library built with
+ * it.  VARDENLU_VERSION is one number for #if tests: 10000 major + 100 minor
+ * + patch. */
+#define VARDENLU_VERSION_MAJOR 0
+#define VARDENLU_VERSION_MINOR 1
+#define VARDENLU_VERSION_PATCH 0
+#define VARDENLU_VERSION \
+  (VARDENLU_VERSION_MAJOR * 10000 + VARDENLU_VERSION_MINOR * 100 + VARDENLU_VERSION_PATCH)
+
 #ifdef __cplusplus
 extern "C" {
 #endif
