@@ -69,9 +69,10 @@ header_version=$(awk '/#define VARDENLU_VERSION_(MAJOR|MINOR|PATCH) /{v = v sep 
 probe() {  # probe PREFIX VERSION -> prints 1 when find_package accepts it
   local dir
   dir=$(mktemp -d "$work/probe.XXXXXX")
-  printf 'cmake_minimum_required(VERSION 3.16)\nproject(p LANGUAGES NONE)\nfind_package(vardenlu %s QUIET)\nfile(WRITE "${CMAKE_BINARY_DIR}/found" "${vardenlu_FOUND}")\n' \
-    "$2" >"$dir/CMakeLists.txt"
-  cmake -S "$dir" -B "$dir/b" -DCMAKE_PREFIX_PATH="$1" >/dev/null
+  # shellcheck disable=SC2016  # the ${...} are CMake's
+  printf 'cmake_minimum_required(VERSION 3.16)\nproject(p LANGUAGES NONE)\nfind_package(vardenlu %s QUIET NO_DEFAULT_PATH PATHS "%s")\nfile(WRITE "${CMAKE_BINARY_DIR}/found" "${vardenlu_FOUND}")\n' \
+    "$2" "$1" >"$dir/CMakeLists.txt"
+  cmake -S "$dir" -B "$dir/b" >/dev/null
   [ "$(cat "$dir/b/found")" = 1 ] && echo 1 || echo 0
 }
 expect_probe() {  # expect_probe PREFIX VERSION 0|1
