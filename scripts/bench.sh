@@ -13,5 +13,5 @@ if [ -x build/release/tools/vlu-bench ]; then
     exec build/release/tools/vlu-bench tests/data
   fi
 else
-  exec build/release/vlu_example
+  exec build/release/examples/vlu_example
 fi

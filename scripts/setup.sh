@@ -8,6 +8,8 @@ command -v make >/dev/null 2>&1 || need+=(make)
 if [ "${1:-}" = "--tests" ]; then
   [ -e /usr/include/gtest/gtest.h ] || need+=(libgtest-dev)
   [ -e /usr/include/gmock/gmock.h ] || need+=(libgmock-dev)
+  # The consumer test builds the examples against the installed library.
+  command -v pkg-config >/dev/null 2>&1 || need+=(pkg-config)
 fi
 if [ ${#need[@]} -gt 0 ]; then
   echo "installing: ${need[*]}"

@@ -1,6 +1,10 @@
 #!/usr/bin/env bash
 # Builds the library and its tests twice (optimised with assertions, and with
-# the address and undefined-behaviour sanitizers) and runs all tests.
+# the address and undefined-behaviour sanitizers) and runs all tests.  The
+# optimised build is also installed into a temporary prefix, the examples are
+# built against that install through the CMake package and through
+# pkg-config, and its Debian package is made and listed (ctest label
+# "install": scripts/consumer_test.sh, scripts/deb_test.sh).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ./scripts/setup.sh --tests
