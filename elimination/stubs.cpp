@@ -253,12 +253,5 @@ void Dense_Pivot(Bump_State &s, int32_t ld) {
   (void)ld;
   Not_Yet(s, "Dense_Pivot");
 }
-void Inversion_Tests(Bump_State &s) {
-  Not_Yet(s, "Inversion_Tests");
-}
-void Test_Row_Col_Structure(Bump_State &s, const char *where) {
-  (void)where;
-  Not_Yet(s, "Test_Row_Col_Structure");
-}
 
 }  // namespace vlu
