@@ -471,7 +471,8 @@ TEST_F(Battery, TailsListsAndSemiDenseModeAreTestedAsTheModeSays) {
   Start(Random_Bump(150, 3, 2));
   s.Semi_Dense = true;
   Advance(20);
-  env->Iin->Mrex.V[env->Vim->Rnto.V[n]] = 5;
+  env->Iin->Mrex.V[env->Vim->Rnto.V[n]] = 5;                 // active
+  env->Iin->Mrex.V[env->Vim->Rnto.V[s.Piv_Indx - 1]] = 2;  // pivoted
   env->Test_Trace = 1;
   msgs.lines.clear();
   EXPECT_EQ(Run(), 0) << msgs.All();
@@ -558,6 +559,16 @@ TEST_F(Battery, EachKindOfDamageIsFoundByItsTest) {
            }
        },
        "Test_Markowitz_Lists", "was not in list"},
+      {"list back link", 5, 1,
+       [](Battery &b) {  // the second member of a C-list points back past the first
+         IIN *iin = b.env->Iin;
+         for (int c = 1; c <= b.n; ++c)
+           if (iin->Stcc.V[c] != 0 && iin->Nxtc.V[iin->Stcc.V[c]] != 0) {
+             iin->Prvc.V[iin->Nxtc.V[iin->Stcc.V[c]]] = -c;
+             return;
+           }
+       },
+       "Test_Markowitz_Lists", "but the link before it is"},
       {"scanned-row count", 20, 1, [](Battery &b) { b.s.COUNT_MARK_ROW += 1; },
        "Test_Markowitz_Lists", "COUNT_MARK_ROW="},
       {"HelpI not clear", 5, 1,
@@ -575,6 +586,18 @@ TEST_F(Battery, EachKindOfDamageIsFoundByItsTest) {
          }
        },
        "Test_Markowitz_Counts", "which is not a multiple of clen-1="},
+      {"stale count marked exact", 20, 1,
+       [](Battery &b) {  // a lower bound below the count of a column whose count is exact
+         IIN *iin = b.env->Iin;
+         for (int k = b.s.Piv_Indx; k <= b.n; ++k) {
+           const int j = b.env->Vim->Cnto.V[k], t = b.env->Luf->Clen.V[j] - 1;
+           if (iin->Mact.V[j] > t && iin->Mact.V[j] < iin->MarkBad - 1 && vlu::IsTrue(iin->Clok.V[j])) {
+             iin->Mlow.V[j] = iin->Mact.V[j] - t;
+             return;
+           }
+         }
+       },
+       "Test_Markowitz_Counts", "but Mact and Mlow are different."},
       {"column chain back link", 5, 1,
        [](Battery &b) {
          IIN *iin = b.env->Iin;
