@@ -14,75 +14,6 @@ void Not_Yet(Bump_State &s, const char *name) {
 void Not_Yet_Kernel() {}
 }  // namespace
 
-void Store_col_in_c_list(Bump_State &s, int32_t icol, int32_t ncnt) {
-  (void)icol;
-  (void)ncnt;
-  Not_Yet(s, "Store_col_in_c_list");
-}
-void Store_Row_in_C_List(Bump_State &s, int32_t irow, int32_t ncnt) {
-  (void)irow;
-  (void)ncnt;
-  Not_Yet(s, "Store_Row_in_C_List");
-}
-void Store_col_in_M_list(Bump_State &s, int32_t icol, int32_t m) {
-  (void)icol;
-  (void)m;
-  Not_Yet(s, "Store_col_in_M_list");
-}
-void Store_Row_in_M_List(Bump_State &s, int32_t irow) {
-  (void)irow;
-  Not_Yet(s, "Store_Row_in_M_List");
-}
-void Remove_col_from_list(Bump_State &s, int32_t icol) {
-  (void)icol;
-  Not_Yet(s, "Remove_col_from_list");
-}
-void Remove_Row_from_List(Bump_State &s, int32_t irow) {
-  (void)irow;
-  Not_Yet(s, "Remove_Row_from_List");
-}
-void Remove_col_from_C_head(Bump_State &s, int32_t icol, int32_t cnt) {
-  (void)icol;
-  (void)cnt;
-  Not_Yet(s, "Remove_col_from_C_head");
-}
-void Remove_Row_from_C_Head(Bump_State &s, int32_t irow, int32_t cnt) {
-  (void)irow;
-  (void)cnt;
-  Not_Yet(s, "Remove_Row_from_C_Head");
-}
-void Remove_col_from_M_head(Bump_State &s, int32_t icol, int32_t m) {
-  (void)icol;
-  (void)m;
-  Not_Yet(s, "Remove_col_from_M_head");
-}
-void CLEAR_Clok(Bump_State &s, int32_t icol, int32_t clength) {
-  (void)icol;
-  (void)clength;
-  Not_Yet(s, "CLEAR_Clok");
-}
-void Increase_Stmc(Bump_State &s) {
-  Not_Yet(s, "Increase_Stmc");
-}
-void Set_Pivot_Position(Bump_State &s) {
-  Not_Yet(s, "Set_Pivot_Position");
-}
-void Unlink_Row(Bump_State &s, int32_t irow) {
-  (void)irow;
-  Not_Yet(s, "Unlink_Row");
-}
-void Unlink_Col(Bump_State &s, int32_t icol) {
-  (void)icol;
-  Not_Yet(s, "Unlink_Col");
-}
-void Link_Row_Last(Bump_State &s, int32_t irow) {
-  (void)irow;
-  Not_Yet(s, "Link_Row_Last");
-}
-void Link_Col_Last(Bump_State &s, int32_t icol) {
-  (void)icol;
-  Not_Yet(s, "Link_Col_Last");
-}
 int32_t Row_Extra(const Bump_State &s, int32_t irow) {
   (void)irow;
   (void)s;
@@ -321,13 +252,6 @@ void Final_Updt(Bump_State &s, double *a, int32_t ld, int32_t nrows, int32_t nco
 void Dense_Pivot(Bump_State &s, int32_t ld) {
   (void)ld;
   Not_Yet(s, "Dense_Pivot");
-}
-void Inversion_Tests(Bump_State &s) {
-  Not_Yet(s, "Inversion_Tests");
-}
-void Test_Row_Col_Structure(Bump_State &s, const char *where) {
-  (void)where;
-  Not_Yet(s, "Test_Row_Col_Structure");
 }
 
 }  // namespace vlu
