@@ -318,10 +318,10 @@ struct Storage : luc::EnvTest {
     return 0;
   }
   // A row (not last, not in `except`) without an element in column j, with
-  // room for one more.
-  int32_t Free_Row(int32_t j, std::vector<int32_t> except = {}) {
+  // room for `room` more.
+  int32_t Free_Row(int32_t j, std::vector<int32_t> except = {}, int32_t room = 1) {
     for (int32_t i : Rows())
-      if (i != s.iin->RPlast && !Has(i, j) && !In(except, i) && vlu::Row_Extra(s, i) >= 1)
+      if (i != s.iin->RPlast && !Has(i, j) && !In(except, i) && vlu::Row_Extra(s, i) >= room)
         return i;
     return 0;
   }
@@ -452,8 +452,13 @@ TEST_F(Storage, RemovalsRefillTheHoleAndKeepTheTailPacked) {
 
 TEST_F(Storage, CompactionsPackEachRowAndColumnWithItsReserve) {
   Bump(Basis60());
-  // Gaps: rows and columns lose elements; some get tails.
-  std::vector<int32_t> done;
+  // The first row that can take one more gets a tail element, so that its
+  // reserve reaches past the start of the next row (which cannot move up);
+  // rows behind it lose elements, so that the rows behind those move down.
+  const int32_t r = Row_With(2), c = Free_Col(r);
+  ASSERT_TRUE(r && c);
+  Store(r, c, 0.25, false);
+  std::vector<int32_t> done = {r};
   for (int k = 0; k < 6; ++k) {
     const int32_t i = Row_With(3, done);
     ASSERT_NE(i, 0);
@@ -461,9 +466,6 @@ TEST_F(Storage, CompactionsPackEachRowAndColumnWithItsReserve) {
     Drop(i, s.luf->Ic.V[s.luf->Rstr.V[i]]);
     Drop(i, s.luf->Ic.V[s.luf->Rstr.V[i] + 1]);
   }
-  const int32_t r = Row_With(2, done), c = Free_Col(r);
-  ASSERT_TRUE(r && c);
-  Store(r, c, 0.25, false);
   Elems before, after;
   ASSERT_TRUE(Check_Active(s, &before));
   const double sf = env->Space_Factor;
@@ -909,18 +911,20 @@ TEST_F(Storage, TheLastColumnOrRowMakesWayWhenItIsShorter) {
 
     // When the last one is not shorter, x itself goes to the top.
     Bump(Basis60());
+    luf = s.luf;
+    iin = s.iin;
     const int32_t last2 = rows ? iin->RPlast : iin->CPlast;
     const int32_t y = rows ? iin->Rppr.V[last2] : iin->Cppr.V[last2];
     ASSERT_GE(len(last2), 1);
     while (len(y) > len(last2))
       rows ? Drop(y, luf->Ic.V[start(y)]) : Drop(luf->Ir.V[start(y)], y);
     ASSERT_TRUE(Check_Active(s, &before));
-    rows ? vlu::Make_Row_Space(s, y, vlu::Row_Extra(s, y) + 1)
-         : vlu::Make_Col_Space(s, y, vlu::Col_Extra(s, y) + 1);
+    const int32_t more = (rows ? vlu::Row_Extra(s, y) : vlu::Col_Extra(s, y)) + 1;
+    rows ? vlu::Make_Row_Space(s, y, more) : vlu::Make_Col_Space(s, y, more);
     ASSERT_FALSE(vlu::Stopped(s)) << msgs.All();
     EXPECT_EQ(rows ? iin->RPlast : iin->CPlast, y);
     EXPECT_GT(start(y), start(last2));
-    (rows ? luf->Rlen.V[y] : luf->Clen.V[y]) -= 1;
+    (rows ? luf->Rlen.V[y] : luf->Clen.V[y]) -= more;
     ASSERT_TRUE(Check_Active(s, &after));
     EXPECT_EQ(after, before);
   }
@@ -931,10 +935,13 @@ TEST_F(Storage, RowTailCompressionAddsDuplicatesAndDropsSmallSums) {
   Bump(Basis60(), true);
   IIN *iin = s.iin;
   const int32_t r = Row_With(5);
-  const int32_t cNew = Free_Col(r), cSmall = Free_Col(r, {cNew});
+  const int32_t cNew = Free_Col(r, {}, 3), cSmall = Free_Col(r, {cNew});
   ASSERT_TRUE(r && cNew && cSmall);
   const int32_t cOld = s.luf->Ic.V[s.luf->Rstr.V[r]];  // counted already
   const double old = s.vim->AUrmat.Val[vlu::Find_Element(s, r, cOld)];
+  const int32_t rZ = Free_Row(cNew, {r});
+  ASSERT_NE(rZ, 0);
+  Store(rZ, cNew, 0.75, false);  // cNew's tail does not start with row r
   const int32_t lenNew = Clen(cNew), lenOld = Clen(cOld), len = Rlen(r);
   Store(r, cNew, 1.25, false);
   Store(r, cOld, 0.5, false);
@@ -950,7 +957,8 @@ TEST_F(Storage, RowTailCompressionAddsDuplicatesAndDropsSmallSums) {
   EXPECT_EQ(Rlen(r), len + 1);
   EXPECT_EQ(Clen(cNew), lenNew + 1);
   EXPECT_EQ(Clen(cOld), lenOld);
-  EXPECT_EQ(iin->Mcex.V[cNew] + iin->Mcex.V[cOld] + iin->Mcex.V[cSmall], 0);
+  EXPECT_EQ(iin->Mcex.V[cNew], 1);  // the element of row rZ
+  EXPECT_EQ(iin->Mcex.V[cOld] + iin->Mcex.V[cSmall], 0);
   EXPECT_EQ(iin->RowFill, fill - 3);
   Elems want = Minus(Minus(Minus(before, r, cNew), r, cOld), r, cSmall);
   want = Plus(want, {Elem(r, cNew, 1.25 + 2.0, true), Elem(r, cOld, old + 0.5, true)});
@@ -977,12 +985,15 @@ TEST_F(Storage, ColumnTailCompressionMirrorsTheRowOne) {
     if (j != s.iin->CPlast && Clen(j) >= 3 && vlu::Col_Extra(s, j) >= 2) c = j;
   ASSERT_NE(c, 0);
   const int32_t rOld = s.luf->Ir.V[s.luf->Cstr.V[c]];
-  const int32_t rNew = Free_Row(c, {rOld});
+  const int32_t rNew = Free_Row(c, {rOld}, 2);
   ASSERT_NE(rNew, 0);
   ASSERT_GE(vlu::Row_Extra(s, rOld), 2);
   const int32_t cX = Free_Col(rOld, {c});
   ASSERT_NE(cX, 0);
   const double old = s.vim->AUrmat.Val[s.luf->Cstr.V[c]];
+  const int32_t cY = Free_Col(rNew, {c});
+  ASSERT_NE(cY, 0);
+  Store(rNew, cY, -1.0, false);  // rNew's tail does not start with column c
   Store(rNew, c, 3.0, false);
   Store(rOld, c, -old, false);
   Store(rOld, cX, 1.0, false);
