@@ -182,49 +182,6 @@ void Increase_Mmat(Bump_State &s, int32_t needed) {
 void Increase_Mmat_Lists(Bump_State &s) {
   Not_Yet(s, "Increase_Mmat_Lists");
 }
-void Select_Pivot(Bump_State &s) {
-  Not_Yet(s, "Select_Pivot");
-}
-void Scan_Col_for_m(Bump_State &s, int32_t icol, int32_t &mact_new, int32_t &mlow_new) {
-  (void)icol;
-  (void)mact_new;
-  (void)mlow_new;
-  Not_Yet(s, "Scan_Col_for_m");
-}
-void Scan_Row_for_M(Bump_State &s, int32_t irow, int32_t cnt1, int32_t &mrow_min) {
-  (void)irow;
-  (void)cnt1;
-  (void)mrow_min;
-  Not_Yet(s, "Scan_Row_for_M");
-}
-void Test_Mcount(Bump_State &s, int32_t m1, int32_t m2, bool &found) {
-  (void)m1;
-  (void)m2;
-  (void)found;
-  Not_Yet(s, "Test_Mcount");
-}
-void Test_Pivot(Bump_State &s, double umax, double &pivot) {
-  (void)umax;
-  (void)pivot;
-  Not_Yet(s, "Test_Pivot");
-}
-void Select_Pivot_Dense(Bump_State &s) {
-  Not_Yet(s, "Select_Pivot_Dense");
-}
-void Select_Pivot_D(Bump_State &s) {
-  Not_Yet(s, "Select_Pivot_D");
-}
-void Switch_to_Semi_Dense(Bump_State &s, int32_t indx) {
-  (void)indx;
-  Not_Yet(s, "Switch_to_Semi_Dense");
-}
-void Increase_MarkHigh(Bump_State &s, int32_t m) {
-  (void)m;
-  Not_Yet(s, "Increase_MarkHigh");
-}
-void Stat_Switch_Check(Bump_State &s) {
-  Not_Yet(s, "Stat_Switch_Check");
-}
 void Row_Singleton_Pivot(Bump_State &s) {
   Not_Yet(s, "Row_Singleton_Pivot");
 }
