@@ -287,7 +287,8 @@ Flow Search(Bump_State &s) {
     if ((f = Raise_High(s, mmin)) != Flow::Go) return f;
     if (static_cast<double>(iin->MarkMax) < static_cast<double>(mmin) * mfac) {
       if (vmi->Trace_Inv >= 2)
-        Doc(vmi, "Calling Increase_Stmc from Select_Pivot(B). Mmin=%lld, MarkMax=%d and MarkHigh=%d",
+        Doc(vmi,
+            "Calling Increase_Stmc from Select_Pivot(B). Mmin=%lld, MarkMax=%d and MarkHigh=%d",
             static_cast<long long>(mmin), iin->MarkMax, s.MarkHigh);
       Increase_Stmc(s);
       return Stopped(s) ? Flow::Done : Flow::Restart;
@@ -512,7 +513,8 @@ void Test_Pivot(Bump_State &s, double umax, double &pivot) {
     if (!vim->Large_Ufac && vim->Max_UFac > 1.1e15 * vim->Ufac_Scale) {
       vim->Large_Ufac = true;
       if (vmi->Trace_Inv >= 1)
-        Doc(vmi, "Large_Ufac set to .true. in Test_Pivot. Umax=%13.5E and Pivot=%13.5E", umax, pivot);
+        Doc(vmi, "Large_Ufac set to .true. in Test_Pivot. Umax=%13.5E and Pivot=%13.5E", umax,
+            pivot);
     }
   } else {
     if (vmi->Trace_Inv >= 1)

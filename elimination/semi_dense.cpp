@@ -293,8 +293,8 @@ void Select_Pivot_D(Bump_State &s) {
   // 3. The cache gives a first count, 4. and the target of the walk.
   Select_From_Cache(s);
   if (Stopped(s)) return;
-  const float target = s.MarkBest > 100 ? static_cast<float>(s.MarkBest) / 1.2f
-                                        : static_cast<float>(s.MarkBest);
+  const float target =
+      s.MarkBest > 100 ? static_cast<float>(s.MarkBest) / 1.2f : static_cast<float>(s.MarkBest);
   const double tgt = target;
   const bool trace = vmi->Trace_Inv >= 3;
   if (trace)
