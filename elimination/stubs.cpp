@@ -225,48 +225,6 @@ void Increase_MarkHigh(Bump_State &s, int32_t m) {
 void Stat_Switch_Check(Bump_State &s) {
   Not_Yet(s, "Stat_Switch_Check");
 }
-void Row_Singleton_Pivot(Bump_State &s) {
-  Not_Yet(s, "Row_Singleton_Pivot");
-}
-void Col_Singleton_Pivot(Bump_State &s) {
-  Not_Yet(s, "Col_Singleton_Pivot");
-}
-void Store_L_Column(Bump_State &s, double pivot) {
-  (void)pivot;
-  Not_Yet(s, "Store_L_Column");
-}
-void General_Pivot(Bump_State &s, int32_t mr, int32_t mc) {
-  (void)mr;
-  (void)mc;
-  Not_Yet(s, "General_Pivot");
-}
-void Update_Col_Info(Bump_State &s, int32_t icol, int32_t ocnt, int32_t mlow_new) {
-  (void)icol;
-  (void)ocnt;
-  (void)mlow_new;
-  Not_Yet(s, "Update_Col_Info");
-}
-void Rescan_row_for_m(Bump_State &s, int32_t irow, int32_t ocnt, int32_t skipE, int32_t skipC) {
-  (void)irow;
-  (void)ocnt;
-  (void)skipE;
-  (void)skipC;
-  Not_Yet(s, "Rescan_row_for_m");
-}
-void Compress_Short_Lists(Bump_State &s, int32_t c1, int32_t c2, int32_t r1, int32_t r2) {
-  (void)c1;
-  (void)c2;
-  (void)r1;
-  (void)r2;
-  Not_Yet(s, "Compress_Short_Lists");
-}
-void Update_Amat(Bump_State &s, int32_t first, int32_t nrow, int32_t ncol, int32_t ld) {
-  (void)first;
-  (void)nrow;
-  (void)ncol;
-  (void)ld;
-  Not_Yet(s, "Update_Amat");
-}
 void Remove_Pivot_Element(Bump_State &s, double &umax) {
   (void)umax;
   Not_Yet(s, "Remove_Pivot_Element");
