@@ -49,6 +49,7 @@ constexpr int Err_Pivot_Column_Length = 4402;
 constexpr int Err_Candidate_Column = 4403;
 constexpr int Err_U_Space = 4404;
 constexpr int Err_Block_Shape = 4405;
+constexpr int Err_Pivot_Row_Length = 4406;
 
 constexpr int32_t Work_Per_Thread = 32768;  // element operations that pay for a thread
 constexpr int32_t Ext_Small_Mark = 32;      // a block step stops below this count ...
@@ -175,7 +176,13 @@ bool Gather_Pivot_Lines(Bump_State &s, Block &b, double &umax) {
   const Logical *clok = iin->Clok.V;
 
   // The pivot row: the pivot column takes block column 1, the others follow
-  // in row order.
+  // in row order.  The search never takes a row or column with a tail.
+  if (rlen[prow] != b.ncol || Row_Tail(s, prow) != 0) {
+    Doc(s.vmi, "General_Pivot: pivot row %d has Rlen=%d and Mrex=%d, expected %d and 0.", prow,
+        rlen[prow], Row_Tail(s, prow), b.ncol);
+    Internal_Error(s.vmi, Err_Pivot_Row_Length, true);
+    return false;
+  }
   umax = 0.0;
   const int32_t pstart = luf->Rstr.V[prow];
   int32_t k = 1;
@@ -221,8 +228,8 @@ bool Gather_Pivot_Lines(Bump_State &s, Block &b, double &umax) {
 
   // The rest of the pivot column, in column order.
   if (clen[pcol] != b.nrow - 1 || Col_Tail(s, pcol) != 0) {
-    Doc(s.vmi, "General_Pivot: pivot column %d has Clen=%d, expected %d.", pcol, clen[pcol],
-        b.nrow - 1);
+    Doc(s.vmi, "General_Pivot: pivot column %d has Clen=%d and Mcex=%d, expected %d and 0.", pcol,
+        clen[pcol], Col_Tail(s, pcol), b.nrow - 1);
     Internal_Error(s.vmi, Err_Pivot_Column_Length, true);
     return false;
   }
