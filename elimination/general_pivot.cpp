@@ -16,9 +16,14 @@
 //                  the kernels accumulate -l u into it as pivots are applied
 //                  to it; Npused of them have been applied to every such
 //                  place, the rest is pending).
-//              The block never uses its last column Mmat(., mc): that column
-//              holds the candidate column of an extension while it is being
-//              examined (see Try_Extension).
+//              Further pivots are tried only while the block leaves the last
+//              column Mmat(., mc) free: a candidate pivot column is examined
+//              in a copy there (its block column keeps the amounts to add),
+//              so that a rejected candidate leaves block and files as they
+//              were.  An accepted one takes the copy, now actual values, and
+//              its elements and those of the new pivot row leave the files
+//              and are added into the block (rows and columns new to the
+//              block start at zero: no earlier pivot touched them).
 //   IIN%Lisr, Lisc, Indr, Indc, Rlol, Clol, Rlin, Clin, Lngr, Lngc
 //              the block lists (IIN in runtime/records.h); Indr and Indc are
 //              zero again when a step returns.
@@ -160,8 +165,8 @@ struct Block {
   double *col(int32_t j) const { return a + static_cast<std::ptrdiff_t>(j - 1) * ld - 1; }
 };
 
-// Steps 2 to 4: the pivot row and the pivot column into the block, their
-// elements out of the files.  umax: largest magnitude in the pivot row.
+// The pivot row and the pivot column into the block, their elements out of
+// the files.  umax: largest magnitude in the pivot row.
 bool Gather_Pivot_Lines(Bump_State &s, Block &b, double &umax) {
   LUF *luf = s.luf;
   IIN *iin = s.iin;
@@ -249,7 +254,7 @@ bool Gather_Pivot_Lines(Bump_State &s, Block &b, double &umax) {
   return !Stopped(s);
 }
 
-// Step 5: the places behind the pivot lines start as "nothing to add".
+// The places behind the pivot lines start as "nothing to add".
 void Clear_Block(Bump_State &s, const Block &b) {
   const int32_t nr = b.nrow - 1, nc = b.ncol - 1;
   if (nr <= 0 || nc <= 0) return;
@@ -265,7 +270,7 @@ void Clear_Block(Bump_State &s, const Block &b) {
   }
 }
 
-// Steps 6e to 6l: tries to take one more pivot into the block.  True when a
+// Tries to take one more pivot into the block.  True when a
 // new pivot stands at block position Npiv + 1 (Npiv already raised, umax its
 // row's largest magnitude right of the pivot); false to end the block.
 bool Try_Extension(Bump_State &s, Block &b, double &umax) {
@@ -277,14 +282,14 @@ bool Try_Extension(Bump_State &s, Block &b, double &umax) {
   Logical *lngr = iin->Lngr.V, *lngc = iin->Lngc.V;
   const int32_t nf = b.npiv + 1;
 
-  // e. Limits: the block may grow by a fifth of its first size, plus one
+  // Limits: the block may grow by a fifth of its first size, plus one
   // per pivot taken.
   const int32_t collim =
       std::min(b.mr - 1, b.nrow + b.nrow0 / 5 + std::min(b.npiv + b.gc, 1));
   const int32_t rowlim =
       std::min(b.mc - 1, b.ncol + b.ncol0 / 5 + std::min(b.npiv + b.gr, 1));
 
-  // f. Candidates.
+  // Candidates by their counts.
   int32_t ncc = 0, ncr = 0;
   for (int32_t c = nf; c <= b.ncol; ++c)
     if (clin[c] <= collim) ++ncc;
@@ -299,7 +304,7 @@ bool Try_Extension(Bump_State &s, Block &b, double &umax) {
   // last column cannot be extended anyway.
   if (b.ncol >= b.mc) return false;
 
-  // g. The column: not long, least Clin, first of equals.
+  // The column: not long, least Clin, first of equals.
   int32_t jc = 0;
   for (int32_t c = nf; c <= b.ncol; ++c)
     if (!IsTrue(lngc[c]) && clin[c] <= collim && (jc == 0 || clin[c] < clin[jc])) jc = c;
@@ -345,7 +350,7 @@ bool Try_Extension(Bump_State &s, Block &b, double &umax) {
   Update_LCol(b.a, b.ld, b.npiv, b.npused, b.mc, b.nrow, largest, best);
   const double thr = std::max(vmi->Rtpiva, s.vim->Tol_Piv_Rel * std::max(largest, outMax));
 
-  // h, i. The row: not long, least Rlin, at or above thr, on equal Rlin the
+  // The row: not long, least Rlin, at or above thr, on equal Rlin the
   // strictly larger magnitude; its length once in the block within limits.
   int32_t irow = 0;
   for (;;) {
@@ -377,7 +382,7 @@ bool Try_Extension(Bump_State &s, Block &b, double &umax) {
   ++s.St.Count_AcceptCol;
   const int32_t crow = lisr[irow];
 
-  // j. Extend the block by the new pivot column's rows and the new pivot
+  // Extend the block by the new pivot column's rows and the new pivot
   // row's columns; both leave the files.
   if (Trace_Pivot(s)) {
     Doc(vmi, "    Internal row=%d with Rlen=%d Extra=%d", crow, luf->Rlen.V[crow],
@@ -435,7 +440,7 @@ bool Try_Extension(Bump_State &s, Block &b, double &umax) {
   // The candidate holds the actual values of the new pivot column now.
   for (int32_t i = 1; i <= b.nrow; ++i) cj[i] = sp[i];
 
-  // k. The new pivot into block position Npiv + 1.
+  // The new pivot into block position Npiv + 1.
   const int32_t t = b.npiv + 1;
   if (irow != t) {
     for (int32_t j = 1; j <= b.ncol; ++j) std::swap(b.at(irow, j), b.at(t, j));
@@ -460,7 +465,7 @@ bool Try_Extension(Bump_State &s, Block &b, double &umax) {
   s.Len_Piv_Row = b.ncol;
   Update_URow(b.a, b.ld, b.npiv, b.npused, b.ncol, umax);
 
-  // l. The pivot before it is placed; the new one is the step's pivot now.
+  // The pivot before it is placed; the new one is the step's pivot now.
   Remove_Row_from_List(s, crow);
   Remove_col_from_list(s, ccol);
   Set_Pivot_Position(s);
@@ -472,7 +477,7 @@ bool Try_Extension(Bump_State &s, Block &b, double &umax) {
   return !Stopped(s);
 }
 
-// Steps 8 and 9: the block's U rows and L columns into their files.
+// The block's U rows and L columns into their files.
 bool Store_Block_U_L(Bump_State &s, const Block &b) {
   LUF *luf = s.luf;
   IIN *iin = s.iin;
@@ -543,7 +548,7 @@ bool Store_Block_U_L(Bump_State &s, const Block &b) {
   return true;
 }
 
-// Steps 11 and 12: room for the fill of every block row and column, then the
+// Room for the fill of every block row and column, then the
 // fill itself.  All reservations stand (raised lengths) until the last one is
 // made, so that a compression on the way keeps each of them.
 bool Store_Block_Fill(Bump_State &s, const Block &b) {
@@ -587,7 +592,7 @@ bool Store_Block_Fill(Bump_State &s, const Block &b) {
   return !Stopped(s);
 }
 
-// Steps 13 to 17: lists of the block's rows and columns after the step.
+// Lists of the block's rows and columns after the step.
 void Block_Lists(Bump_State &s, const Block &b) {
   VMI *vmi = s.vmi;
   IIN *iin = s.iin;
@@ -834,7 +839,7 @@ void General_Pivot(Bump_State &s, int32_t mr, int32_t mc) {
     return;
   }
 
-  // 1. The pivot.
+  // The pivot.
   if (Trace_Pivot(s)) {
     Doc(vmi, "Pivot row=%d with length=%d", s.Piv_Row, b.ncol);
     Doc(vmi, "Pivot col=%d with length=%d", s.Piv_Col, b.nrow);
@@ -845,44 +850,44 @@ void General_Pivot(Bump_State &s, int32_t mr, int32_t mc) {
   Unlink_Row(s, s.Piv_Row);
   if (Stopped(s)) return;
 
-  // 2-5. The pivot lines into the block; the rest of it to zero.
+  // The pivot lines into the block; the rest of it to zero.
   double umax = 0.0;
   if (!Gather_Pivot_Lines(s, b, umax)) return;
   Clear_Block(s, b);
 
-  // 6. The pivot loop.
+  // The pivots of the block.
   b.npiv = 1;
   b.npused = 0;
   for (;;) {
-    // a. Test of the pivot.
+    // Test of the pivot.
     s.MarkBest = (b.nrow - b.npiv) * (b.ncol - b.npiv);
     double &pivot = b.at(b.npiv, b.npiv);
     Test_Pivot(s, umax, pivot);
     if (Stopped(s)) return;
     ++s.St.Gen;
-    // b. Multipliers.
+    // Multipliers.
     const double pv = pivot;
     double *m = b.col(b.npiv);
     for (int32_t i = b.npiv + 1; i <= b.nrow; ++i) m[i] /= pv;
-    // c. Batches of pivots for the rest of the block.
+    // Batches of pivots for the rest of the block.
     if (b.npiv - b.npused >= Batch_Width) Inter_Updt(b.a, b.ld, b.nrow, b.ncol, b.npiv, b.npused);
     // A pivot that failed its test ends the block: Factor_Bump repairs it.
     if (s.Bad_Pivot) break;
-    // d. A small block is not worth another pivot.
+    // A small block is not worth another pivot.
     if (s.MarkBest <= Ext_Small_Mark && b.npiv + 1 <= Ext_Small_Next) break;
-    // e-l.
+    // Another pivot from the rows and columns at hand, if it is cheap.
     if (!Try_Extension(s, b, umax)) break;
   }
   if (Stopped(s)) return;
 
-  // 7. The rest of the block gets all pending pivots.
+  // The rest of the block gets all pending pivots.
   Final_Updt(s, b.a, b.ld, b.nrow, b.ncol, b.npiv, b.npused);
   if (Stopped(s)) return;
 
-  // 8-9. U and L.
+  // U and L.
   if (!Store_Block_U_L(s, b)) return;
 
-  // 10. Merge into the existing elements; the rest is fill.
+  // Merge into the existing elements; the rest is fill.
   if (Trace_Pivot(s)) Doc(vmi, "Before Update_Amat");
   const int32_t nf = b.npiv + 1;
   Update_Amat(s, nf, b.nrow, b.ncol, b.ld);
@@ -893,14 +898,14 @@ void General_Pivot(Bump_State &s, int32_t mr, int32_t mc) {
     Doc(vmi, "After Update_Amat. Newele=%lld", static_cast<long long>(newele));
   }
 
-  // 11-12. Fill.
+  // Fill.
   if (!Store_Block_Fill(s, b)) return;
 
-  // 13-17. Lists, and the block's index vectors back to zero.
+  // Lists, and the block's index vectors back to zero.
   Block_Lists(s, b);
   if (Stopped(s)) return;
 
-  // 18.
+  // Short rows and columns without tails.
   Compress_Short_Lists(s, nf, b.ncol, nf, b.nrow);
 }
 

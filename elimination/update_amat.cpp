@@ -198,7 +198,7 @@ void Update_Amat(Bump_State &s, int32_t first, int32_t nrow, int32_t ncol, int32
   IIN *iin = s.iin;
   const int32_t nr = std::max(nrow - first + 1, 0), nc = std::max(ncol - first + 1, 0);
 
-  // 1. Every place is fill until found; the four sums of lengths.
+  // Every place is fill until found; the four sums of lengths.
   int32_t *rlin = iin->Rlin.Val, *clin = iin->Clin.Val;
   const int32_t *lisr = iin->Lisr.V, *lisc = iin->Lisc.V;
   const Logical *lngr = iin->Lngr.V, *lngc = iin->Lngc.V;
@@ -214,7 +214,7 @@ void Update_Amat(Bump_State &s, int32_t first, int32_t nrow, int32_t ncol, int32
     (IsTrue(lngc[c]) ? nzcold : nzcols) += luf->Clen.V[lisc[c]];
   }
 
-  // 2. The parallel form pays only for many column elements in many columns.
+  // The parallel form pays only for many column elements in many columns.
   const bool doParallel =
       vmi->Threads >= 2 && !s.DO_Squeeze && nzcols > Par_Min_Elements && nc >= Par_Min_Columns;
   const bool trace = vmi->Trace_Inv >= 3;
@@ -227,13 +227,13 @@ void Update_Amat(Bump_State &s, int32_t first, int32_t nrow, int32_t ncol, int32
     Doc(vmi, "DO_Parallel=%s DO_Squeeze=%s", doParallel ? "T" : "F", s.DO_Squeeze ? "T" : "F");
   }
 
-  // 4. Nothing short: every place is fill for the tails.
+  // Nothing short: every place is fill for the tails.
   if (nzrows == 0 && nzcols == 0) {
     if (trace) Doc(vmi, "No Scanning - No short rows or columns.");
     return;
   }
 
-  // 3. The cheapest scan; on equal costs by columns, then by rows.
+  // The cheapest scan; on equal costs by columns, then by rows.
   const double costBoth = static_cast<double>(nzrows) + Col_Price * static_cast<double>(nzcols);
   const double costRows = static_cast<double>(nzrows + nzrowd);
   const double costCols = Col_Price * static_cast<double>(nzcold + nzcols);
@@ -246,7 +246,7 @@ void Update_Amat(Bump_State &s, int32_t first, int32_t nrow, int32_t ncol, int32
   m.squeeze = s.DO_Squeeze;
 
   if (costCols <= costBoth && costCols <= costRows) {
-    // 5. By columns only.
+    // By columns only.
     if (trace)
       Doc(vmi, "Scanning by column only. Nzcols=%lld NzcolD=%lld", static_cast<long long>(nzcols),
           static_cast<long long>(nzcold));
@@ -260,7 +260,7 @@ void Update_Amat(Bump_State &s, int32_t first, int32_t nrow, int32_t ncol, int32
     }
     s.St.Merged_By_Col += m.merged;
   } else if (costRows <= costBoth) {
-    // 6. By rows only.
+    // By rows only.
     if (trace)
       Doc(vmi, "Scanning by row only. Nzrows=%lld NzRowd=%lld", static_cast<long long>(nzrows),
           static_cast<long long>(nzrowd));
@@ -268,7 +268,7 @@ void Update_Amat(Bump_State &s, int32_t first, int32_t nrow, int32_t ncol, int32
     Merge_By_Rows(m, first, nrow, false, false);
     s.St.Merged_By_Row += m.merged;
   } else {
-    // 7. Short columns by column, then short rows by row for the elements in
+    // Short columns by column, then short rows by row for the elements in
     // long columns.  Long rows meet long columns in neither scan: such a
     // place stays fill, goes to both tails, and a later compression adds it
     // to the element that is there.
@@ -284,7 +284,7 @@ void Update_Amat(Bump_State &s, int32_t first, int32_t nrow, int32_t ncol, int32
   }
   s.St.Scanned_Upd += m.scanned;
 
-  // 9. Test trace.
+  // Test of the counts.
   if (!Stopped(s) && (vmi->Test_Trace >= 1 || vmi->Trace_Inv >= 4))
     Check_Fill_Counts(s, m, nrow, ncol);
 }
