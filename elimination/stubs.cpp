@@ -11,7 +11,6 @@ void Not_Yet(Bump_State &s, const char *name) {
   Doc(s.vmi, "%s is not available in this build.", name);
   Internal_Error(s.vmi, 3899, true);
 }
-void Not_Yet_Kernel() {}
 }  // namespace
 
 void Store_col_in_c_list(Bump_State &s, int32_t icol, int32_t ncnt) {
@@ -266,61 +265,6 @@ void Update_Amat(Bump_State &s, int32_t first, int32_t nrow, int32_t ncol, int32
   (void)ncol;
   (void)ld;
   Not_Yet(s, "Update_Amat");
-}
-void Remove_Pivot_Element(Bump_State &s, double &umax) {
-  (void)umax;
-  Not_Yet(s, "Remove_Pivot_Element");
-}
-void PIV_2_BY_P(Bump_State &s) {
-  Not_Yet(s, "PIV_2_BY_P");
-}
-void PIV_P_BY_2(Bump_State &s) {
-  Not_Yet(s, "PIV_P_BY_2");
-}
-void PIV_2_BY_2(Bump_State &s) {
-  Not_Yet(s, "PIV_2_BY_2");
-}
-void Update_LCol(double *a, int32_t ld, int32_t npiv, int32_t npused, int32_t jcol, int32_t nrows, double &largest, int32_t &best) {
-  (void)a;
-  (void)ld;
-  (void)npiv;
-  (void)npused;
-  (void)jcol;
-  (void)nrows;
-  (void)largest;
-  (void)best;
-  Not_Yet_Kernel();
-}
-void Update_URow(double *a, int32_t ld, int32_t npiv, int32_t npused, int32_t ncols, double &umax) {
-  (void)a;
-  (void)ld;
-  (void)npiv;
-  (void)npused;
-  (void)ncols;
-  (void)umax;
-  Not_Yet_Kernel();
-}
-void Inter_Updt(double *a, int32_t ld, int32_t nrows, int32_t ncols, int32_t npiv, int32_t &npused) {
-  (void)a;
-  (void)ld;
-  (void)nrows;
-  (void)ncols;
-  (void)npiv;
-  (void)npused;
-  Not_Yet_Kernel();
-}
-void Final_Updt(Bump_State &s, double *a, int32_t ld, int32_t nrows, int32_t ncols, int32_t npiv, int32_t &npused) {
-  (void)a;
-  (void)ld;
-  (void)nrows;
-  (void)ncols;
-  (void)npiv;
-  (void)npused;
-  Not_Yet(s, "Final_Updt");
-}
-void Dense_Pivot(Bump_State &s, int32_t ld) {
-  (void)ld;
-  Not_Yet(s, "Dense_Pivot");
 }
 void Inversion_Tests(Bump_State &s) {
   Not_Yet(s, "Inversion_Tests");
