@@ -124,6 +124,7 @@ struct Battery : luc::EnvTest {
                            &iin->Stcc, &iin->Stcr})
       vlu::ClearS_Int(env, *v, n);
     vlu::Clear_Int(env, iin->Stmc);
+    vlu::Clear_Rvec(env, env->Vim->Work1);  // as no solve has run
     Lists_And_Maxima({}, {});
   }
 
