@@ -164,7 +164,8 @@ struct Bump_State {
 
   // Reference points of the bump (for "elements left" and the statistics).
   int32_t L_Base = 0;       // LFileUsed when the bump started
-  int32_t U_First0 = 0;     // U_elefirst when the bump started
+  int32_t U_Count0 = 0;     // RowUSpace - U_elefirst when the bump started: the U-file's
+                            // elements then (both ends move together when it grows)
 
   // Candidate cache of Select_Pivot_D (lives between its calls).
   int32_t Cand_Count = 0;
@@ -192,8 +193,8 @@ inline int32_t Col_Tail(const Bump_State &s, int32_t j) { return s.Semi_Dense ? 
 // Elements not yet eliminated: the bump's elements plus fill, less what went
 // to U and to L.
 inline int64_t Elements_Left(const Bump_State &s) {
-  return static_cast<int64_t>(s.iin->Nele) + s.iin->RowFill - (s.U_First0 - s.luf->U_elefirst) -
-         (s.luf->LFileUsed - s.L_Base);
+  const int32_t uWritten = (s.luf->RowUSpace - s.luf->U_elefirst) - s.U_Count0;
+  return static_cast<int64_t>(s.iin->Nele) + s.iin->RowFill - uWritten - (s.luf->LFileUsed - s.L_Base);
 }
 // The stop flag of the elimination: a resource failure or an internal error
 // anywhere below.  Every routine that can raise it is followed by a test.

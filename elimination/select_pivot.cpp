@@ -322,6 +322,49 @@ Flow Search(Bump_State &s) {
 
   // 7. The last range; then only the top lists can hold columns.
   if ((f = Mcount(s, static_cast<int32_t>(m1), static_cast<int32_t>(mmin))) != Flow::Go) return f;
+  // A count is revised only when the search meets it, so a column whose rows
+  // have all shortened since its count was taken can stand in a list above
+  // every count that is left.  Those lists are swept before the top lists,
+  // and the overflow list after them; a rescan gives each its true count.
+  if (mmin < iin->MarkMax)
+    if ((f = Mcount(s, static_cast<int32_t>(mmin + 1), iin->MarkMax)) != Flow::Go) return f;
+  if (const int32_t jo = iin->Stmc.V[iin->MarkBad - 1]; jo != 0) {
+    if (iin->Mcex.V[jo] > 0) {
+      Compres_Uncompressed_Col(s, jo);
+      return Stopped(s) ? Flow::Done : Flow::Restart;
+    }
+    Refresh_Clmx(s, jo);
+    const double thr = Threshold(s, jo);
+    const int32_t *ir = luf->Ir.V, *rlen = luf->Rlen.V;
+    const double *a = s.vim->AUrmat.Val;
+    const int32_t q0 = luf->Cstr.V[jo], q1 = q0 + luf->Clen.V[jo];
+    int32_t rbest = s.NumRow + 1, prow = 0;
+    double bval = 0.0;
+    for (int32_t q = q0; q < q1; ++q) {
+      const int32_t r = rlen[ir[q]];
+      const double v = std::fabs(a[q]);
+      if (v > thr && (r < rbest || (r == rbest && v > bval))) {
+        rbest = r;
+        bval = v;
+        prow = ir[q];
+      }
+    }
+    if (prow != 0) {
+      if (iin->Mrex.V[prow] > 0) {
+        Compres_Uncompressed_Row(s, prow);
+        return Stopped(s) ? Flow::Done : Flow::Restart;
+      }
+      s.Piv_Col = jo;
+      s.Piv_Row = prow;
+      s.MarkBest = Count_Of(luf->Clen.V[jo] - 1, rbest - 1);
+      Remove_col_from_list(s, jo);
+      return Flow::Done;
+    }
+    // Nothing passes the threshold: the column belongs to the top list.
+    Remove_col_from_list(s, jo);
+    Store_col_in_M_list(s, jo, Mark_Infinite);
+    return Stopped(s) ? Flow::Done : Flow::Restart;
+  }
   const int32_t j = iin->Stmc.V[iin->MarkBad];
   if (j == 0) {
     Doc(vmi, "Out at the end of the loop. This is not possible. Rowlft=%d", rowlft);

@@ -260,6 +260,9 @@ void Switch_to_Semi_Dense(Bump_State &s, int32_t indx) {
     }
   }
 
+  // 4. Counts are not kept in this mode: no column carries a bound.
+  for (int32_t k = indx; k <= s.NumRow; ++k) iin->Mlow.V[vim->Cnto.V[k]] = 0;
+
   s.Cand_Count = 0;
   s.Semi_Dense = true;
 }

@@ -497,8 +497,10 @@ void PIV_P_BY_2(Bump_State &s) {
       clmx = big;
       iin->Clmin.Val[C] = std::max(iin->Clmin.Val[C], Two_M52 * big);
     } else if (old >= s.Clok_Frac * clmx) {
-      CLEAR_Clok(s, C, luf->Clen.V[C]);
-      if (Stopped(s)) return;
+      // The old maximum may be gone.  Only the flag changes here: the list
+      // place of C is settled below from the new bound, and its Mlow still
+      // belongs to the length C had before the step.
+      iin->Clok.V[C] = LFalse;
     }
   }
 

@@ -100,13 +100,8 @@ int32_t Span_End(double sf, int32_t used, int32_t len) {
 int32_t File_Top(const LUF *luf) { return std::min(luf->ColASpace, luf->U_elefirst - 1); }
 
 // Grows the U-file (with the value array) by Increase_Uspace, which moves the
-// finished rows up by the growth; the reference point of the bump's U moves
-// with them, so that the count of elements left stays right.
-void Grow_U(Bump_State &s, int32_t demand) {
-  const int32_t first = s.luf->U_elefirst;
-  Increase_Uspace(s.vmi, demand);
-  s.U_First0 += s.luf->U_elefirst - first;
-}
+// finished rows up by the growth.
+void Grow_U(Bump_State &s, int32_t demand) { Increase_Uspace(s.vmi, demand); }
 
 // Grows the stores so that a row or column may reach position `last`:
 // the active column space (Ir, C2rp, R2cp) and the U-file, which is moved

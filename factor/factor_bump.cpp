@@ -225,7 +225,7 @@ void Set_Up(Bump_State &s, VMI *vmi) {
   s.Rowlft = s.NumRow - s.Piv_Indx + 1;
   s.Mfac = 1.0 + 1.0 / Mark_Tol;
   s.L_Base = luf->LFileUsed;
-  s.U_First0 = luf->U_elefirst;
+  s.U_Count0 = luf->RowUSpace - luf->U_elefirst;
   s.Clok_Frac = 1.0 - vmi->Eps08;
   s.Tol_Small = std::max(vmi->Tol_Zero, vmi->Eps);
 
@@ -330,6 +330,9 @@ void Factor_Bump(VMI *vmi) {
   const bool tests = Tests_Active(vmi);
   const double tStart = s.Time_Start;
 
+  // The triangular phases leave the bump without tails.
+  Zero_Int(iin->Mrex.V, s.NumRow);
+  Zero_Int(iin->Mcex.V, s.NumRow);
   if (tests && vmi->Test_Full > 0) {
     Test_Row_Col_Structure(s, "Factor_Bump");
     if (vmi->Exception != 0 || vmi->Test_Trace >= 1)

@@ -8,6 +8,7 @@
 #include "factor/factor.h"
 #include "runtime/messages.h"
 #include "runtime/records.h"
+#include "runtime/test_hooks.h"
 #include "runtime/vectors.h"
 
 namespace vlu {
@@ -17,6 +18,14 @@ namespace {
 constexpr int64_t Max_Len = 2147483647;
 
 int32_t Clamp_Len(int64_t t) { return static_cast<int32_t>(std::min<int64_t>(t, Max_Len)); }
+
+// The size a store grows to: twice its size, or the demand if that is more.
+// Tests that ask for the smallest stores make every growth small, so that the
+// elimination has to compress and grow many times.
+int64_t Grown(int64_t size, int64_t demand) {
+  if (Test_Options.Min_Space) return std::max<int64_t>(size + size / 16 + 64, demand);
+  return std::max<int64_t>(2 * size, demand);
+}
 
 // Grows a vector to exactly t elements when it is not longer than t.
 void Grow_To(VMI *vmi, RVec &v, int32_t t) {
@@ -38,7 +47,7 @@ void Increase_Uspace(VMI *vmi, int32_t demand) {
     Doc(vmi, "Increasing Aurmat and Ic.");
     Doc(vmi, "Original length of Aurmat=%d and Ic=%d", sizeA, sizeI);
   }
-  int64_t t = std::max<int64_t>(2 * static_cast<int64_t>(std::min(sizeA, sizeI)), demand);
+  int64_t t = Grown(std::min(sizeA, sizeI), demand);
   t = ((t + 7) / 8) * 8;
   if (t > Max_Len) t = (Max_Len / 8) * 8;
   const int32_t target = static_cast<int32_t>(t);
@@ -79,7 +88,7 @@ void Increase_ASpace(VMI *vmi, int32_t demand) {
     Doc(vmi, "Original length of Ir=%d C2rp=%d and R2cp=%d", sIr, sC, sR);
   }
   const int32_t target = Clamp_Len(
-      std::max<int64_t>(2 * static_cast<int64_t>(std::min(sIr, std::min(sC, sR))), demand));
+      Grown(std::min(sIr, std::min(sC, sR)), demand));
   Grow_To(vmi, luf->Ir, "LUF%Ir", target);
   Grow_To(vmi, iin->C2rp, "IIN%C2rp", target);
   Grow_To(vmi, iin->R2cp, "IIN%R2cp", target);
@@ -101,7 +110,7 @@ void Increase_L(VMI *vmi, int32_t demand) {
     Doc(vmi, "Original length Lmat=%d", Size(luf->Lmat));
   }
   const int32_t target =
-      Clamp_Len(std::max<int64_t>(2 * static_cast<int64_t>(Size(luf->Lmat)), demand));
+      Clamp_Len(Grown(Size(luf->Lmat), demand));
   if (Size(luf->Lmat) < target) Increase_RVec(vmi, luf->Lmat, target - Size(luf->Lmat));
   if (Size(luf->Lrow) < target) Increase_Int(vmi, luf->Lrow, "LUF%Lrow", target - Size(luf->Lrow));
   if (Size(luf->Lpiv) < target) Increase_Int(vmi, luf->Lpiv, "LUF%Lpiv", target - Size(luf->Lpiv));

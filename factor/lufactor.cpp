@@ -173,7 +173,7 @@ bool LU_Setup_Pass(VMI *vmi, int32_t *elemntOut) {
     // Tests may ask for the least room the triangular phases need, so that the
     // elimination makes the rest of its room itself.
     if (Test_Options.Min_Space)
-      demandU = std::min(demandU, Capped((f + 1.0) * de + 9.0 * dn + 16.0, cap, small));
+      demandU = std::min(demandU, Capped(f * de + 9.0 * dn + 16.0, cap, small));
     if (demandU > luf->RowUSpace) {
       // No U survives: the file is empty before it grows.
       luf->U_elefirst = luf->RowUSpace + 1;
@@ -185,7 +185,7 @@ bool LU_Setup_Pass(VMI *vmi, int32_t *elemntOut) {
     int32_t demandA = Capped(
         std::max({1.2 * uIni, uIni + 2.0 * dn, 1.5 * f * (de + dn) + 8.0 * dn}), cap, small);
     if (Test_Options.Min_Space)
-      demandA = std::min(demandA, Capped(f * de + 9.0 * dn + 16.0, cap, small));
+      demandA = std::min(demandA, Capped(f * de + 8.0 * dn + 16.0, cap, small));
     if (demandA > luf->ColASpace) {
       Increase_ASpace(vmi, demandA);
       if (vmi->Exception != 0) return false;

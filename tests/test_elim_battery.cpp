@@ -587,18 +587,18 @@ TEST_F(Battery, EachKindOfDamageIsFoundByItsTest) {
          }
        },
        "Test_Markowitz_Counts", "which is not a multiple of clen-1="},
-      {"stale count marked exact", 20, 1,
-       [](Battery &b) {  // a lower bound below the count of a column whose count is exact
+      {"lower bound above the count", 20, 1,
+       [](Battery &b) {  // a lower bound above the known count of a column
          IIN *iin = b.env->Iin;
          for (int k = b.s.Piv_Indx; k <= b.n; ++k) {
            const int j = b.env->Vim->Cnto.V[k], t = b.env->Luf->Clen.V[j] - 1;
-           if (iin->Mact.V[j] > t && iin->Mact.V[j] < iin->MarkBad - 1 && vlu::IsTrue(iin->Clok.V[j])) {
-             iin->Mlow.V[j] = iin->Mact.V[j] - t;
+           if (iin->Mact.V[j] > t && iin->Mact.V[j] < iin->MarkBad - 1 - t) {
+             iin->Mlow.V[j] = iin->Mact.V[j] + t;
              return;
            }
          }
        },
-       "Test_Markowitz_Counts", "but Mact and Mlow are different."},
+       "Test_Markowitz_Counts", "above Mact="},
       {"column chain back link", 5, 1,
        [](Battery &b) {
          IIN *iin = b.env->Iin;

@@ -278,7 +278,7 @@ struct DenseBump : luc::EnvTest {
     s.Tol_Small = std::max(env->Tol_Zero, env->Eps);
     s.Clok_Frac = 1.0 - env->Eps08;
     s.L_Base = luf->LFileUsed;
-    s.U_First0 = luf->U_elefirst;
+    s.U_Count0 = luf->RowUSpace - luf->U_elefirst;
 
     ld = (n + 7) / 8 * 8;
     if (vlu::Size(iin->Mmat) < ld * n)

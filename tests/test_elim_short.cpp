@@ -67,7 +67,7 @@ struct ShortBump : luc::EnvTest {
     s.Tol_Small = std::max(env->Tol_Zero, env->Eps);
     s.Clok_Frac = 1.0 - env->Eps08;
     s.L_Base = luf->LFileUsed;
-    s.U_First0 = luf->U_elefirst;
+    s.U_Count0 = luf->RowUSpace - luf->U_elefirst;
     s.Min_M_InList = iin->MarkBad;
     s.MIN_CC_List = vlu::Size(iin->Stcc);
     s.MIN_RC_List = vlu::Size(iin->Stcr);

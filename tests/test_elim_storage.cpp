@@ -237,7 +237,7 @@ struct Storage : luc::EnvTest {
     s.Piv_Indx = luf->NumVTria + 1;
     s.Rowlft = n - s.Piv_Indx + 1;
     s.L_Base = luf->LFileUsed;
-    s.U_First0 = luf->U_elefirst;
+    s.U_Count0 = luf->RowUSpace - luf->U_elefirst;
     s.Min_M_InList = iin->MarkBad;
     s.MIN_CC_List = s.MIN_RC_List = n;
     s.Clok_Frac = 1.0 - std::pow(env->Eps, 0.8);
