@@ -93,6 +93,14 @@ struct VIM {
   // vlu_update leaves it set.
   bool UL_Cleaned = false;
 
+  // Clrw(j): the row whose pivot column is model column j, the inverse of
+  // VIM%Rwcl (length NumCol + NumRow).  A map that spares the update the
+  // search of Rwcl for its leaving column: allocated and filled by the first
+  // update that needs it after a factorization, kept by the updates after
+  // that; every entry is checked against Rwcl before use, so stale entries
+  // after a refactorization cost only a search and a refill.
+  IntVec Clrw;
+
   // Statistics of the in-place updates since the records were set up; read
   // by the tests and the tools, never by the numerical code.  Written by the
   // update routines.
@@ -102,6 +110,11 @@ struct VIM {
   int32_t Upd_Fail_Memory = 0, Upd_Fail_U_Large = 0, Upd_Fail_Pivot = 0;  // failure ends by kind
   int32_t Upd_Bump_Max = 0;                            // largest range the row elimination saw
   int32_t Upd_Swaps = 0;                               // row swaps of the elimination, a priori ones included
+  // Sums over the updates that reached step 10: spike lengths, ranges from
+  // the leaving position to the spike's last element, and ranges left for
+  // the row elimination (0 where it did not run).
+  int32_t Upd_Count = 0;
+  int64_t Upd_Spike_Sum = 0, Upd_Range_Sum = 0, Upd_Bump_Sum = 0;
   // Update timing (only when VMI::Timing is on): calls of Update_Inverse and
   // their time in seconds.
   int32_t Calls_Update = 0;
@@ -313,6 +326,7 @@ template <typename F> void ForEachVec(VIM &r, F &&f) {
   f("VIM%Xmin", r.Xmin);
   f("VIM%Xmax", r.Xmax);
   f("VIM%ColAcc", r.ColAcc);
+  f("VIM%Clrw", r.Clrw);
 }
 
 template <typename F> void ForEachVec(LUF &r, F &&f) {

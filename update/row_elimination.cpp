@@ -223,6 +223,7 @@ void Row_Elimination(VMI *vmi, Upd_State &st) {
   int32_t *rnto = vim->Rnto.V, *helpz = vim->HelpZ.V;
   const int32_t *cnto = vim->Cnto.V;
   vim->Upd_Bump_Max = std::max(vim->Upd_Bump_Max, sl - sf + 1);
+  vim->Upd_Bump_Sum += sl - sf + 1;
 
   // 1. The column marks of Hess_Single_Row go.
   for (int32_t p = sf; p <= sl; ++p) helpz[cnto[p]] = 0;

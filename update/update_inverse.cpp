@@ -203,6 +203,34 @@ void Spike_Into_Rows(VMI *vmi, Upd_State &st, double &ratio) {
   }
 }
 
+// Step 3: the row of the leaving column.  The map VIM%Clrw answers when it
+// agrees with Rwcl; otherwise Rwcl is searched and the map filled again,
+// which happens once after each factorization.  0 when the column is not in
+// the basis order.
+int32_t Leaving_Row(VMI *vmi, int32_t leaving) {
+  VIM *vim = vmi->Vim;
+  const int32_t n = vim->NumRow;
+  const int32_t *rwcl = vim->Rwcl.V;
+  if (vim->Clrw.Allocated()) {
+    const int32_t r = vim->Clrw.V[leaving];
+    if (r >= 1 && r <= n && rwcl[r] == leaving) return r;
+  }
+  const int32_t r = Int_Lookup(rwcl, 1, n, leaving);
+  if (r == 0) return 0;
+  if (!vim->Clrw.Allocated()) {
+    // A map that cannot be had is not an error: the search stays.
+    const int32_t mode = vmi->MemoryMode;
+    vmi->MemoryMode = 2;
+    Allocate_Int(vmi, vim->Clrw, "VIM%Clrw", vim->NumCol + n);
+    vmi->MemoryMode = mode;
+    vmi->EnoughSpace = true;
+    if (!vim->Clrw.Allocated()) return r;
+  }
+  int32_t *clrw = vim->Clrw.V;
+  for (int32_t i = 1; i <= n; ++i) clrw[rwcl[i]] = i;
+  return r;
+}
+
 // Step 11.8: positions, published order and model columns over the range
 // that the trims left, from Rnto and Cnto.
 void Renumber(VMI *vmi, int32_t first, int32_t last) {
@@ -215,6 +243,10 @@ void Renumber(VMI *vmi, int32_t first, int32_t last) {
     cotn[c] = p;
     cbto[p] = model[c];
     rwcl[r] = model[c];
+  }
+  if (vim->Clrw.Allocated()) {
+    int32_t *clrw = vim->Clrw.V;
+    for (int32_t p = first; p <= last; ++p) clrw[cbto[p]] = rnto[p];
   }
 }
 
@@ -268,7 +300,7 @@ bool Update_Inverse(VMI *vmi, int32_t incoming, int32_t leaving) {
     if (indx >= 1 && indx <= n && cbto[indx] == leaving) {
       st.Irowcr = vim->Rnto.V[indx];
     } else {
-      st.Irowcr = Int_Lookup(rwcl, 1, n, leaving);
+      st.Irowcr = Leaving_Row(vmi, leaving);
       if (st.Irowcr == 0) {
         Doc(vmi, "Update_Inverse: leaving column %d is not in the basis order.", leaving);
         Internal_Error(vmi, Err_Leaving_Not_Found, true);
@@ -279,8 +311,11 @@ bool Update_Inverse(VMI *vmi, int32_t incoming, int32_t leaving) {
       vim->IndxCr = indx;
     }
     st.Icolcr = vim->Cnto.V[indx];
+    rwcl = vim->Rwcl.V;
+    cbto = vim->Cbto.V;
     rwcl[st.Irowcr] = incoming;
     cbto[indx] = incoming;
+    if (vim->Clrw.Allocated()) vim->Clrw.V[incoming] = st.Irowcr;
     if (st.Trace >= 1) {
       Doc(vmi, "Entering Update_Inverse. Irowcr=%d and icolcr=%d LFileUsed=%d", st.Irowcr,
           st.Icolcr, luf->LFileUsed);
@@ -343,6 +378,10 @@ bool Update_Inverse(VMI *vmi, int32_t incoming, int32_t leaving) {
     if (st.Trace >= 1)
       Doc(vmi, "Spike from%d to%d with%d nonzeros out of%d", indx, st.Spike_Last, stored,
           std::max(st.Spike_Last - indx + 1, 0));
+
+    vim->Upd_Count += 1;
+    vim->Upd_Spike_Sum += stored;
+    vim->Upd_Range_Sum += std::max(st.Spike_Last - indx + 1, 0);
 
     // 10. First tests.
     if (ratio > st.Uumax) {
