@@ -203,6 +203,16 @@ TEST_F(InPlace, SameLeavingPositionTwiceUsesTheCache) {
   EXPECT_EQ(vim->IndxCr, vim->Rotn[5]);
   EXPECT_TRUE(upd::Check_Updated_Factors(Env()));
   EXPECT_LT(Residual(), 1e-15);
+  // The map from model column to row is checked before use: a wrong entry
+  // costs a search and a refill, never a wrong row.
+  ASSERT_TRUE(vim->Clrw.Allocated());
+  EXPECT_EQ(vim->Clrw[9], 3);
+  vim->Clrw[4] = 2;
+  ASSERT_EQ(Update(6 + 4, 4), 2);
+  EXPECT_EQ(vim->IndxCr, vim->Rotn[4]);
+  EXPECT_EQ(vim->Clrw[10], 4);
+  EXPECT_TRUE(upd::Check_Updated_Factors(Env()));
+  EXPECT_LT(Residual(), 1e-15);
 }
 
 TEST_F(InPlace, UpdatesAgreeWithRefactorization) {

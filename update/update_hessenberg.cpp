@@ -68,14 +68,21 @@ bool Front_Of_Row(VMI *vmi, int32_t irow, int32_t icol, int32_t &s, int32_t &e) 
   return true;
 }
 
-// Writes position p: row r, column c and model column m.
-inline void Put(VIM *vim, int32_t p, int32_t r, int32_t c, int32_t m) {
-  vim->Rnto.V[p] = r;
-  vim->Cnto.V[p] = c;
-  vim->Rotn.V[r] = p;
-  vim->Cotn.V[c] = p;
-  vim->Cbto.V[p] = m;
-}
+// The five vectors of the order, as raw pointers for the sweeps.
+struct Order {
+  int32_t *rnto, *cnto, *rotn, *cotn, *cbto;
+  explicit Order(VIM *vim)
+      : rnto(vim->Rnto.V), cnto(vim->Cnto.V), rotn(vim->Rotn.V), cotn(vim->Cotn.V),
+        cbto(vim->Cbto.V) {}
+  // Writes position p: row r, column c and model column m.
+  void Put(int32_t p, int32_t r, int32_t c, int32_t m) const {
+    rnto[p] = r;
+    cnto[p] = c;
+    rotn[r] = p;
+    cotn[c] = p;
+    cbto[p] = m;
+  }
+};
 
 }  // namespace
 
@@ -85,7 +92,8 @@ void Trim_Singular_Cols(VMI *vmi, Upd_State &st) {
   const int32_t sf = st.Spike_First, sl = st.Spike_Last;
   int32_t *helpz = vim->HelpZ.V, *helpi = vim->HelpI.V;
   int32_t *rows = vmi->Iin->Cpnx.V, *models = vmi->Iin->Cppr.V;
-  int32_t *rnto = vim->Rnto.V, *cnto = vim->Cnto.V, *cotn = vim->Cotn.V, *cbto = vim->Cbto.V;
+  const Order o(vim);
+  const int32_t *rnto = o.rnto, *cnto = o.cnto, *cotn = o.cotn, *cbto = o.cbto;
   const int32_t *ic = luf->Ic.V, *rstr = luf->Rstr.V, *rlen = luf->Rlen.V;
   const int32_t beyond = sl + 1;
 
@@ -104,7 +112,7 @@ void Trim_Singular_Cols(VMI *vmi, Upd_State &st) {
   for (int32_t p = sf + 1; p <= sl; ++p) {
     if (helpz[p] == 0) {
       // Not reached: the position leaves the range at its front.
-      Put(vim, out, rnto[p], cnto[p], cbto[p]);
+      o.Put(out, rnto[p], cnto[p], cbto[p]);
       ++out;
       continue;
     }
@@ -121,7 +129,7 @@ void Trim_Singular_Cols(VMI *vmi, Upd_State &st) {
   helpz[beyond] = 0;
   if (st.Trace >= 2) Doc(vmi, "The number of singular columns =%d", out - sf);
   st.Spike_First = out;
-  for (int32_t k = 1; k <= count; ++k) Put(vim, out + k - 1, rows[k], helpi[k], models[k]);
+  for (int32_t k = 1; k <= count; ++k) o.Put(out + k - 1, rows[k], helpi[k], models[k]);
 }
 
 void Trim_Singular_Rows(VMI *vmi, Upd_State &st) {
@@ -130,7 +138,8 @@ void Trim_Singular_Rows(VMI *vmi, Upd_State &st) {
   const int32_t sf = st.Spike_First, sl = st.Spike_Last;
   int32_t *helpz = vim->HelpZ.V, *helpi = vim->HelpI.V;
   int32_t *rows = vmi->Iin->Cpnx.V, *models = vmi->Iin->Cppr.V;
-  int32_t *rnto = vim->Rnto.V, *cnto = vim->Cnto.V, *rotn = vim->Rotn.V, *cbto = vim->Cbto.V;
+  const Order o(vim);
+  const int32_t *rnto = o.rnto, *cnto = o.cnto, *rotn = o.rotn, *cbto = o.cbto;
   const int32_t *ir = luf->Ir.V, *cstr = luf->Cstr.V, *clen = luf->Clen.V;
 
   // Position q is reached from position p when the column at p has an
@@ -145,7 +154,7 @@ void Trim_Singular_Rows(VMI *vmi, Upd_State &st) {
   for (int32_t p = sl; p > sf; --p) {
     if (helpz[p] == 0) {
       // Not reached: the position leaves the range at its end.
-      Put(vim, out, rnto[p], cnto[p], cbto[p]);
+      o.Put(out, rnto[p], cnto[p], cbto[p]);
       --out;
       continue;
     }
@@ -163,7 +172,7 @@ void Trim_Singular_Rows(VMI *vmi, Upd_State &st) {
   helpz[sf] = 0;
   if (st.Trace >= 2) Doc(vmi, "The number of singular rows    =%d", sl - out);
   st.Spike_Last = out;
-  for (int32_t k = 1; k <= count; ++k) Put(vim, out - k + 1, rows[k], helpi[k], models[k]);
+  for (int32_t k = 1; k <= count; ++k) o.Put(out - k + 1, rows[k], helpi[k], models[k]);
 }
 
 void Diagonal_Spike(VMI *vmi, Upd_State &st) {
