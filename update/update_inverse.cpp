@@ -263,6 +263,8 @@ bool Update_Inverse(VMI *vmi, int32_t incoming, int32_t leaving) {
   Upd_State st;
   st.Trace = std::max(vmi->Trace_Upd, vmi->Trace_Inv);
   bool error = false;
+  // Counted whether the update then succeeds or not.
+  vim->Updates_Done += 1;
 
   // The whole update is one pass through these steps; `break` leaves for
   // the end with `error` or a failure flag set.
@@ -292,7 +294,6 @@ bool Update_Inverse(VMI *vmi, int32_t incoming, int32_t leaving) {
     st.Pivmin = std::max(vmi->Rtpiva, std::sqrt(vim->Min_Pivot * vmi->Rtpiva));
     st.Uumax = std::max(2.0 * vim->Max_UFac, vmi->U_Ratio_Floor);
     st.Tol_L = std::max(vmi->Tol_Zero, vmi->Eps);
-    vim->Updates_Done += 1;
 
     // 3. The leaving position.
     int32_t *rwcl = vim->Rwcl.V, *cbto = vim->Cbto.V;
