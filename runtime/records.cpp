@@ -48,6 +48,7 @@ void VMI_Defaults(VMI *v) {
   v->Tol_Zero = 1.0e-20;
   v->Tol_Scale_Min = 1.0;
   v->Space_Factor = 2.0;
+  v->U_Ratio_Floor = std::ldexp(1.0, 52);
   v->Time_Limit = 10000.0;
   v->MemoryArea = 1;
   v->MemoryMode = 1;

@@ -80,6 +80,45 @@ struct VIM {
   int32_t Calls_L_Solve = 0, Calls_Vdsuxy = 0, Calls_L_Solve_Sparse = 0;
   double Time_L_Solve = 0.0, Time_Vdsuxy = 0.0, Time_L_Solve_Sparse = 0.0;
   double Time_Ftran_L = 0.0, Time_Ftran_U = 0.0;
+
+  // In-place update: what one update leaves for the next.
+  // IndxCr: position (1..NumRow) of the last leaving column, a cache that
+  // spares the search of VIM%Rwcl when the same position leaves again; 0
+  // when there is none.  Written by Update_Inverse, checked against Cbto
+  // before use, so a stale value costs only the search.
+  int32_t IndxCr = 0;
+  // UL_Cleaned: the small elements of U and L have been removed since the
+  // records were set up.  False after Allocate_Space (that is, after every
+  // vlu_factor); set by the first Update_Inverse; a refactorization inside
+  // vlu_update leaves it set.
+  bool UL_Cleaned = false;
+
+  // Clrw(j): the row whose pivot column is model column j, the inverse of
+  // VIM%Rwcl (length NumCol + NumRow).  A map that spares the update the
+  // search of Rwcl for its leaving column: allocated and filled by the first
+  // update that needs it after a factorization, kept by the updates after
+  // that; every entry is checked against Rwcl before use, so stale entries
+  // after a refactorization cost only a search and a refill.
+  IntVec Clrw;
+
+  // Statistics of the in-place updates since the records were set up; read
+  // by the tests and the tools, never by the numerical code.  Written by the
+  // update routines.
+  int32_t Upd_Compress_Row = 0, Upd_Compress_Col = 0;  // compressions of the two U files
+  int32_t Upd_Grow_Row = 0, Upd_Grow_Col = 0;          // successful doublings of the two files
+  int32_t Upd_Grow_L = 0, Upd_Grow_Lstr = 0;           // growths of the L-file and of LUF%Lstr
+  int32_t Upd_Fail_Memory = 0, Upd_Fail_U_Large = 0, Upd_Fail_Pivot = 0;  // failure ends by kind
+  int32_t Upd_Bump_Max = 0;                            // largest range the row elimination saw
+  int32_t Upd_Swaps = 0;                               // row swaps of the elimination, a priori ones included
+  // Sums over the updates that reached step 10: spike lengths, ranges from
+  // the leaving position to the spike's last element, and ranges left for
+  // the row elimination (0 where it did not run).
+  int32_t Upd_Count = 0;
+  int64_t Upd_Spike_Sum = 0, Upd_Range_Sum = 0, Upd_Bump_Sum = 0;
+  // Update timing (only when VMI::Timing is on): calls of Update_Inverse and
+  // their time in seconds.
+  int32_t Calls_Update = 0;
+  double Time_Update = 0.0;
 };
 
 struct LUF {
@@ -123,6 +162,9 @@ struct VMI {
   double Eps = 0.0, Eps08 = 0.0, Eps_Sqrt = 0.0;
   double Rtpiva = 0.0, Rvpivr = 0.0, Tol_Zero = 0.0, Tol_Scale_Min = 0.0;
   double Space_Factor = 0.0;
+  // Largest ratio of a U element to its pivot that an update accepts at the
+  // least: the inverse of the machine epsilon, 2^52.  Set by Allocate_Space.
+  double U_Ratio_Floor = 0.0;
   double Time_Limit = 0.0;
   int32_t Max_Updates = 0;
 
@@ -171,6 +213,12 @@ struct VMI {
 
   // Trace levels (factorization, its second level, update) and options.
   int32_t Trace_Inv = 0, Trace_Inv2 = 0, Trace_Upd = 0;
+  // Debug level of the in-place update: 0 off (the default; no exported
+  // function raises it); 1 or more checks the two copies of U against each
+  // other and the four permutations against each other at the entry and the
+  // end of every update, and the work vectors for zeros at its start.  Any
+  // finding is an internal error.  Set only by tests.
+  int32_t Debug_Upd = 0;
   bool Lssqrs = false, TraceCNS = false;
   int32_t Test_Full = 0, Test_Trace = 0, Test_LU = 0, Test_Every = 0, Test_Start = 0;
   bool Timing = false, Timing_Detail = false;
@@ -193,6 +241,13 @@ struct VMI {
 // When positive, Allocate_Inversion imposes this heap limit in bytes instead
 // of the unlimited default (used by tests to make allocations fail).
 extern int64_t Test_Heap_Limit;
+// Test hook of the allocation routines: Test_Alloc_Count counts every
+// allocation and enlargement that asks for memory; when Test_Alloc_Fail_At is
+// positive, the request that brings the count to it fails as if the heap were
+// exhausted, and the hook disarms itself (set back to 0).  Never set by the
+// library.
+extern int64_t Test_Alloc_Count;
+extern int64_t Test_Alloc_Fail_At;
 
 // Builds VMI and the records with their defaults.  status 0 is success.
 void Allocate_Space(VMI **env, int *status);
@@ -271,6 +326,7 @@ template <typename F> void ForEachVec(VIM &r, F &&f) {
   f("VIM%Xmin", r.Xmin);
   f("VIM%Xmax", r.Xmax);
   f("VIM%ColAcc", r.ColAcc);
+  f("VIM%Clrw", r.Clrw);
 }
 
 template <typename F> void ForEachVec(LUF &r, F &&f) {

@@ -15,6 +15,9 @@
 
 namespace vlu {
 
+int64_t Test_Alloc_Count = 0;
+int64_t Test_Alloc_Fail_At = 0;
+
 namespace {
 
 enum class Cls { Int, Real, Log };
@@ -130,6 +133,12 @@ void Memory_Failure(VMI *vmi, const char *routine, const char *name, int32_t n, 
 template <typename T>
 T *Get_Block(VMI *vmi, int64_t bytes, const char *routine, const char *name, int32_t n,
              bool increase) {
+  ++Test_Alloc_Count;
+  if (Test_Alloc_Fail_At > 0 && Test_Alloc_Count >= Test_Alloc_Fail_At) {
+    Test_Alloc_Fail_At = 0;  // one injected failure per arming
+    Memory_Failure(vmi, routine, name, n, increase, true);
+    return nullptr;
+  }
   if (Over_Limit(vmi, bytes)) {
     Memory_Failure(vmi, routine, name, n, increase, true);
     return nullptr;

@@ -1,7 +1,8 @@
 // vlu-bench: runs the library over basis test cases and reports timings,
 // factor sizes, residuals and the replay of each case's walk.
 //
-//   vlu-bench [--json] [--reps N] [--solves N] [--replays N] [--timeout S] PATH
+//   vlu-bench [--json] [--reps N] [--solves N] [--replays N] [--timeout S]
+//             [--update-limit N] PATH
 //
 // PATH is one case folder (it holds matrix.mtx) or a folder of case folders.
 // Every case runs in a child process: a hard stop of the library ends only
@@ -47,6 +48,7 @@ struct Options {
   int solves = 50;      // timed solves, the fastest counts
   int replays = 3;      // walk replays, the median counts
   int timeout = 900;    // seconds per case
+  int updateLimit = -2; // updates between refactorizations; -2: the library's default
   std::string path;
 };
 
@@ -276,6 +278,10 @@ void Run_Case(const vlu_case::Case &c, const Options &opt, Result &res) {
 
   vlu_regmsgcb(nullptr, Quiet_Callback);
   vlu_create();
+  if (opt.updateLimit != -2) {
+    int limit = opt.updateLimit;
+    vlu_setupdatelimit(&limit);
+  }
   Runner run(c, opt);
 
   // Warm-up factorization; it also tells whether the basis is regular.
@@ -351,6 +357,10 @@ void Run_Case(const vlu_case::Case &c, const Options &opt, Result &res) {
   double worstCheck = 0.0;
   int checksDone = 0;
   int refactors = 0, updates = 0;
+  // Failure ends of the in-place updates in the first replay, by kind
+  // (memory, U-factor too large, pivot too small); each led to a
+  // refactorization.
+  int failMemory = 0, failULarge = 0, failPivot = 0;
   double resEnd = 0.0;
   std::string walkFail;
   const int zero = 0;
@@ -419,6 +429,10 @@ void Run_Case(const vlu_case::Case &c, const Options &opt, Result &res) {
     if (rep == 0) {
       refactors = r1 - r0;
       updates = u1 - u0;
+      const vlu::VIM *vim = vlu::Iface().env->Vim;
+      failMemory = vim->Upd_Fail_Memory;
+      failULarge = vim->Upd_Fail_U_Large;
+      failPivot = vim->Upd_Fail_Pivot;
       vlu_solve(run.sol.data(), run.ones.data());
       resEnd = vlu_case::Rel_Residual(c, stat, run.sol.data(), run.ones.data());
     }
@@ -437,6 +451,9 @@ void Run_Case(const vlu_case::Case &c, const Options &opt, Result &res) {
   res.Num("walk_ms", walkMs[walkMs.size() / 2]);
   res.Num("refactors", refactors);
   res.Num("updates", updates);
+  res.Num("fail_memory", failMemory);
+  res.Num("fail_ufactor", failULarge);
+  res.Num("fail_pivot", failPivot);
   res.Num("checks", checksDone);
   res.Num("check", worstCheck);
   res.Num("check_tol", tol);
@@ -583,21 +600,26 @@ std::string Fmt(const Result &r, const char *key, const char *fmt) {
 }
 
 void Print_Header() {
-  std::printf("%-32s %7s %7s %10s %7s %7s %8s %9s %10s %5s %5s %9s %9s %9s  %s\n", "case", "n",
+  std::printf("%-32s %7s %7s %10s %7s %7s %8s %9s %10s %5s %5s %7s %9s %9s %9s  %s\n", "case", "n",
               "nnz(B)", "factor ms", "nnz(L)", "nnz(U)", "nnz(L+U)", "solve us", "walk ms", "ref",
-              "upd", "check", "res start", "res end", "status");
+              "upd", "fails", "check", "res start", "res end", "status");
 }
 
 void Print_Row(const Result &r) {
   const Field *name = r.Get("case");
   const Field *status = r.Get("status");
-  std::printf("%-32s %7s %7s %10s %7s %7s %8s %9s %10s %5s %5s %9s %9s %9s  %s\n",
+  // Failure ends of the updates: memory/U-factor/pivot.
+  std::string fails = "-";
+  if (r.Get("fail_memory"))
+    fails = Fmt(r, "fail_memory", "%.0f") + "/" + Fmt(r, "fail_ufactor", "%.0f") + "/" +
+            Fmt(r, "fail_pivot", "%.0f");
+  std::printf("%-32s %7s %7s %10s %7s %7s %8s %9s %10s %5s %5s %7s %9s %9s %9s  %s\n",
               name ? name->str.c_str() : "?", Fmt(r, "n", "%.0f").c_str(),
               Fmt(r, "nnz_B", "%.0f").c_str(), Fmt(r, "factor_ms", "%.4g").c_str(),
               Fmt(r, "nnz_L", "%.0f").c_str(), Fmt(r, "nnz_U", "%.0f").c_str(),
               Fmt(r, "nnz_LU", "%.0f").c_str(), Fmt(r, "solve_us", "%.3g").c_str(),
               Fmt(r, "walk_ms", "%.4g").c_str(), Fmt(r, "refactors", "%.0f").c_str(),
-              Fmt(r, "updates", "%.0f").c_str(), Fmt(r, "check", "%.1e").c_str(),
+              Fmt(r, "updates", "%.0f").c_str(), fails.c_str(), Fmt(r, "check", "%.1e").c_str(),
               Fmt(r, "res_start", "%.1e").c_str(), Fmt(r, "res_end", "%.1e").c_str(),
               status ? status->str.c_str() : "?");
   std::fflush(stdout);
@@ -611,7 +633,7 @@ bool Is_Dir(const std::string &p) {
 void Usage() {
   std::fprintf(stderr,
                "usage: vlu-bench [--json] [--reps N] [--solves N] [--replays N] [--timeout S] "
-               "PATH\n"
+               "[--update-limit N] PATH\n"
                "  PATH: a case folder (with matrix.mtx) or a folder of case folders\n");
 }
 
@@ -641,6 +663,7 @@ int main(int argc, char **argv) {
     else if (arg == "--solves") need(opt.solves);
     else if (arg == "--replays") need(opt.replays);
     else if (arg == "--timeout") need(opt.timeout);
+    else if (arg == "--update-limit") need(opt.updateLimit);
     else if (arg == "-h" || arg == "--help") {
       Usage();
       return 0;
