@@ -486,7 +486,7 @@ TEST_F(Injection, MemoryFailureAtEachAllocationOfTheUpdates) {
 // ---------------------------------------------------------------------------
 // Storage routines on factors laid out by hand.
 
-class Storage : public luc::EnvTest {
+class UpdateStorage : public luc::EnvTest {
  protected:
   struct Line {
     std::vector<int32_t> idx;
@@ -569,7 +569,7 @@ class Storage : public luc::EnvTest {
   }
 };
 
-TEST_F(Storage, CompressionPacksAndDoublesWhenHalfOrMoreIsUsed) {
+TEST_F(UpdateStorage, CompressionPacksAndDoublesWhenHalfOrMoreIsUsed) {
   // 11 elements: columns of lengths 1, 2, 2, 2, 2, 2.
   for (const bool byColumn : {true, false}) {
     SCOPED_TRACE(byColumn ? "columns" : "rows");
@@ -620,7 +620,7 @@ TEST_F(Storage, CompressionPacksAndDoublesWhenHalfOrMoreIsUsed) {
   EXPECT_TRUE(env->EnoughSpace);
 }
 
-TEST_F(Storage, FullColumnFileWhoseGrowthFails) {
+TEST_F(UpdateStorage, FullColumnFileWhoseGrowthFails) {
   env->Trace_Upd = 2;
   // Nothing free and nothing to drop: the growth is the only way, and it
   // fails; the compressed file stands and the caller learns of it.
@@ -644,7 +644,7 @@ TEST_F(Storage, FullColumnFileWhoseGrowthFails) {
   EXPECT_TRUE(Packed(true));
 }
 
-TEST_F(Storage, RowFileGrowthThatFails) {
+TEST_F(UpdateStorage, RowFileGrowthThatFails) {
   // The row file at the true top of its vectors; a requirement above the
   // free room forces the growth, which fails: the packed file stands.
   const int32_t top = std::min(vlu::Size(env->Luf->Ic), vlu::Size(env->Vim->AUrmat));
@@ -667,7 +667,7 @@ TEST_F(Storage, RowFileGrowthThatFails) {
   EXPECT_EQ(env->Vim->Upd_Grow_Row, 1);
 }
 
-TEST_F(Storage, SmallElementsLeaveTheLFile) {
+TEST_F(UpdateStorage, SmallElementsLeaveTheLFile) {
   // Three L columns by hand: the second holds only a tiny multiplier.
   vlu::LUF *luf = env->Luf;
   const double eps = env->Eps;

@@ -190,6 +190,12 @@ Long_Walk Run_Long_Walk(const vlu_case::Case &c, int changes, bool triangular, u
     ++w.steps;
     (rc == upd::Step::Updated ? w.updates : w.refactors) += 1;
     vlu::VMI *env = vlu::Iface().env;
+    // A refactorization sizes the files by its own rules; the updates after
+    // it may only double them when they are half full.
+    if (rc == upd::Step::Refactorized) {
+      startSpaceCol = std::max(startSpaceCol, env->Luf->ColUSpace);
+      startSpaceRow = std::max(startSpaceRow, env->Luf->RowUSpace);
+    }
     peakU = std::max(peakU, env->Luf->U_numele);
     w.peakMemory = std::max(w.peakMemory, env->Mem_Max);
     if (w.steps % 25 == 0) {

@@ -219,19 +219,19 @@ bool Random_Change(const vlu_case::Case &c, const std::vector<int> &stat, std::m
   std::vector<double> a(static_cast<size_t>(n)), sol(static_cast<size_t>(2 * n + 1));
   int tries = 0;
   for (int cq : cand) {
-    if (++tries > 40) break;
     std::fill(a.begin(), a.end(), 0.0);
     bool any = false;
     vlu_case::For_Column(c, cq, [&](int i, double v) { a[size_t(i - 1)] = v, any = any || v != 0.0; });
-    if (!any) continue;
+    if (!any) continue;  // empty columns do not count as tries
+    if (++tries > 40) break;
     vlu_solve(sol.data(), a.data());
     // Basic columns by decreasing |alpha|.
     std::vector<std::pair<double, int>> alpha;
     for (int j = 1; j <= 2 * n + 1; ++j)
       if (stat[size_t(j - 1)] == 2 && sol[size_t(j - 1)] != 0.0)
         alpha.emplace_back(-std::fabs(sol[size_t(j - 1)]), j);
-    if (alpha.empty() || -alpha.front().first < 1e-9) continue;
     std::stable_sort(alpha.begin(), alpha.end());
+    if (alpha.empty() || -alpha.front().first < 1e-9) continue;
     const double top = -alpha.front().first;
     for (size_t k = 0; k < alpha.size() && k < (triangular ? 6u : 1u); ++k) {
       if (-alpha[k].first < 1e-3 * top) break;
