@@ -254,6 +254,44 @@ void Report_Singular(const vlu_case::Case &c, Result &res) {
   res.Str("status", rc == 0 ? "singular (expected)" : "singular (the repaired basis does not factorize)");
 }
 
+// A fingerprint of the factors in pivot order (permutations, each U row with
+// the bits of its values, each L column), independent of where they stand in
+// their vectors: two builds that must give the same factors give the same
+// fingerprint.
+std::string Factor_Digest(const vlu::VMI *env) {
+  const vlu::VIM *vim = env->Vim;
+  const vlu::LUF *luf = env->Luf;
+  uint64_t h = 1469598103934665603ULL;
+  auto mix = [&h](uint64_t v) {
+    for (int b = 0; b < 8; ++b) {
+      h ^= (v >> (8 * b)) & 0xff;
+      h *= 1099511628211ULL;
+    }
+  };
+  auto bits = [](double v) {
+    uint64_t u;
+    std::memcpy(&u, &v, sizeof u);
+    return u;
+  };
+  for (int32_t k = 1; k <= vim->NumRow; ++k) {
+    const int32_t r = vim->Rnto.V[k];
+    mix(static_cast<uint64_t>(r));
+    mix(static_cast<uint64_t>(vim->Cnto.V[k]));
+    for (int32_t p = luf->Rstr.V[r]; p < luf->Rstr.V[r] + luf->Rlen.V[r]; ++p) {
+      mix(static_cast<uint64_t>(luf->Ic.V[p]));
+      mix(bits(vim->AUrmat.Val[p]));
+    }
+  }
+  for (int32_t c = 1; c <= luf->L_Cols + 1; ++c) mix(static_cast<uint64_t>(luf->Lsor.V[c]));
+  for (int32_t p = 1; p <= luf->LFileUsed; ++p) {
+    mix(static_cast<uint64_t>(luf->Lrow.V[p]) << 32 | static_cast<uint32_t>(luf->Lpiv.V[p]));
+    mix(bits(luf->Lmat.Val[p]));
+  }
+  char buf[20];
+  std::snprintf(buf, sizeof buf, "%016llx", static_cast<unsigned long long>(h));
+  return buf;
+}
+
 // Nonzeros of the factors: L without its unit diagonal, U with its diagonal.
 // Block steps store a few exact zeros; they are not counted.
 void Count_Factors(const vlu::LUF *luf, const vlu::VIM *vim, Result &res) {
@@ -310,6 +348,7 @@ void Run_Case(const vlu_case::Case &c, const Options &opt, Result &res) {
   std::sort(ft.begin(), ft.end());
   const double factorMs = ft.empty() ? 0.0 : ft[ft.size() / 2];
   Count_Factors(vlu::Iface().env->Luf, vlu::Iface().vim, res);
+  res.Str("digest", Factor_Digest(vlu::Iface().env));
 
   // Solve time: fastest of many solves with b = ones.
   double solveUs = 1e300;
@@ -435,6 +474,7 @@ void Run_Case(const vlu_case::Case &c, const Options &opt, Result &res) {
       failPivot = vim->Upd_Fail_Pivot;
       vlu_solve(run.sol.data(), run.ones.data());
       resEnd = vlu_case::Rel_Residual(c, stat, run.sol.data(), run.ones.data());
+      res.Str("digest_end", Factor_Digest(vlu::Iface().env));
     }
     // Long walks are replayed once only.
     if (elapsed > 2000.0) break;
