@@ -247,6 +247,13 @@ VLU_API int vlu_factor(const int *n_, const int *nz_, const int *colStart, const
   }
   if (singCnt != s.numSing) Hard_Stop("VARDEN says Num_Sing is 0 but basis changed");
   CreateColumnU(v);
+  // The column copy may have to grow its store; without it the factors are
+  // of no use to the updates, so missing space ends the call as above.
+  if (!v->EnoughSpace) {
+    std::printf("after CreateColumnU(), not VMI%%EnoughSpace\n");
+    Release_All(s);
+    return 4;
+  }
   ++s.nFactor;
   return 0;
 }
