@@ -16,6 +16,7 @@ void Apply_Test_Hooks(VMI *vmi) {
   vmi->Test_Start = t.Test_Start;
   vmi->Trace_Inv = t.Trace_Inv;
   vmi->Trace_Upd = t.Trace_Upd;
+  vmi->Trace_Memory = t.Trace_Memory;
 }
 
 }  // namespace vlu

@@ -17,6 +17,8 @@ struct Test_Hooks {
   int32_t Test_Start = 0;   // copied to VMI::Test_Start: first pivot index of the battery
   int32_t Trace_Inv = 0;    // copied to VMI::Trace_Inv (trace level of the factorization)
   int32_t Trace_Upd = 0;    // copied to VMI::Trace_Upd (trace level of the update)
+  int32_t Trace_Memory = 0; // copied to VMI::Trace_Memory (allocation trace; 1 names each
+                            // vector allocated, grown or not obtained)
   bool Min_Space = false;   // size the stores of each factorization at the least that the
                             // triangular phases need, so that the elimination has to make
                             // its room by compressions and growth
