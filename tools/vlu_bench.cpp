@@ -348,6 +348,9 @@ void Run_Case(const vlu_case::Case &c, const Options &opt, Result &res) {
   std::sort(ft.begin(), ft.end());
   const double factorMs = ft.empty() ? 0.0 : ft[ft.size() / 2];
   Count_Factors(vlu::Iface().env->Luf, vlu::Iface().vim, res);
+  // The library's own count of its peak memory in this factorization (the
+  // vectors of one environment; the matrix copy included).
+  res.Num("mem_max_mb", static_cast<double>(vlu::Iface().env->Mem_Max) / (1024.0 * 1024.0));
   res.Str("digest", Factor_Digest(vlu::Iface().env));
 
   // Solve time: fastest of many solves with b = ones.
