@@ -14,6 +14,15 @@ using rt::Lines;
 namespace {
 
 TEST(Messages, DocumentLinesAreBatched) {
+  {
+    rt::Env e;  // the block goes out when its 18th document line arrives
+    for (int i = 1; i <= 17; ++i) Doc(e.v, "line %d", i);
+    EXPECT_TRUE(e.cap.calls.empty());
+    Doc(e.v, "line 18");
+    ASSERT_EQ(e.cap.calls.size(), 1u);
+    EXPECT_EQ(e.cap.calls[0].dmsg, 18);
+    EXPECT_EQ(e.cap.calls[0].lines.back(), "line 18");
+  }
   rt::Env e;
   for (int i = 1; i <= 17; ++i) Doc(e.v, "line %d", i);
   EXPECT_TRUE(e.cap.calls.empty());

@@ -173,6 +173,25 @@ TEST(Vectors, IncreaseKeepsTheFirstSectionAndZeroDeltaReallocates) {
   Increase_RVec(e.v, a, 0);
   EXPECT_EQ(e.v->Mem_Current, cur);
   EXPECT_EQ(e.v->Mem_Total, total + 24 * 8);
+  {
+    // While the contents move both blocks exist: the peak counts them both.
+    rt::Env f;
+    RVec x;
+    IntVec p;
+    Allocate_RVec(f.v, x, 10);
+    Allocate_Int(f.v, p, "VIM%Rnum", 100);
+    const int64_t before = f.v->Mem_Current;
+    Increase_Int(f.v, p, "VIM%Rnum", 50);
+    EXPECT_EQ(f.v->Mem_Max, before + 150 * 4);
+    EXPECT_EQ(f.v->Mem_Current, before + 50 * 4);
+    Increase_RVec(f.v, x, 0);
+    EXPECT_EQ(f.v->Mem_Max, before + 150 * 4);  // 2 * 192 bytes more is below that peak
+    Increase_RVec(f.v, x, 100);
+    EXPECT_EQ(f.v->Mem_Max, before + 50 * 4 + int64_t(RVec_AllocSize(110, 1)) * 8);
+    Deallocate_Int(f.v, p, "VIM%Rnum");
+    Deallocate_RVec(f.v, x);
+    EXPECT_TRUE(f.Balanced());
+  }
   for (int32_t i = 1; i <= 10; ++i) EXPECT_EQ(a.Val[i], 0.5 * i);
 
   Deallocate_RVec(e.v, a);
