@@ -50,8 +50,12 @@ VLU_API int vlu_create(void);
 VLU_API void vlu_destroy(void);
 
 /* Factorize the basis marked in basisStat (2n+1 entries).
- * colStart: n+1 entries, 1-based start of each column, colStart[n] = nz+1.
- * rowIdx, colIdx, val: nz entries.  r: n coefficients of column t, or NULL.
+ * colStart: n+1 entries, 1-based start of each column, colStart[0] = 1,
+ * never falling, colStart[n] = nz+1.  rowIdx, colIdx, val: nz entries, rows
+ * within 1..n, no row twice in a column (in any order within a column).
+ * r: n coefficients of column t, or NULL.  n >= 0, nz >= 0, nz + 2n at most
+ * 2147482623.  A matrix that breaks these rules ends the process with a
+ * line naming the first fault.
  * Returns 0 (regular), 3 (singular: see vlu_getnumsing/vlu_getsingpair),
  * 4 (not enough memory). */
 VLU_API int vlu_factor(const int *n, const int *nz, const int *colStart,
@@ -59,7 +63,9 @@ VLU_API int vlu_factor(const int *n, const int *nz, const int *colStart,
                        const double *r, const int *basisStat);
 
 /* Solve B x = rhs (n entries).  sol receives 2n+1 entries: the value of each
- * basic column, and DBL_MAX for every nonbasic column.  Returns 0. */
+ * basic column, and DBL_MAX for every nonbasic column.  Returns 0.
+ * vlu_solve and vlu_update need factors: called before vlu_factor, or after
+ * a result 3 or 4, they end the process with a line saying so. */
 VLU_API int vlu_solve(double *sol, const double *rhs);
 
 /* Column *entering replaces column *leaving; basisStat already shows the new
@@ -72,6 +78,11 @@ VLU_API int vlu_update(const int *basisStat, const int *entering,
 VLU_API int vlu_getnumsing(void);
 VLU_API int vlu_getsingpair(const int *k, int *row, int *col);
 VLU_API int vlu_getstats(int *nFactor, int *nUpdate, int *nRefactor);
+/* Limit on in-place updates between factorizations, from the next
+ * vlu_factor on: -1 (the library chooses), or 0 to 2147483647 (the default;
+ * 0: every update refactorizes).  Values below -1 count as 0, and values
+ * from 429496730 to 858993459 as 429496729 (no factorization takes that
+ * many updates).  Returns the limit in force. */
 VLU_API int vlu_setupdatelimit(const int *limit);
 
 /* Messages. */

@@ -12,7 +12,8 @@
 // compiler turns into vector code, and the position of a fault is looked up
 // afterwards, in the rare failing case.  Rows that rise strictly within
 // every column cannot repeat; only when some column does not rise is every
-// column searched for a repeated row.
+// column searched for a repeated row.  Per column the work is one comparison
+// at its first row, which may lie below the last row of the column before.
 #include "interface/factor_args.h"
 
 #include <algorithm>

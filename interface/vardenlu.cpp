@@ -154,6 +154,7 @@ VLU_API int vlu_create(void) {
   // A vlu_factor without vlu_create left an environment: release it rather
   // than lose it.
   if (s.dataReady) {
+    Block_Cache_Rebuild();
     Release_All(s);
     Block_Cache_Trim();
   }
@@ -172,7 +173,10 @@ VLU_API int vlu_create(void) {
 
 VLU_API void vlu_destroy(void) {
   IfaceState &s = Iface();
-  if (s.dataReady) Release_All(s);
+  if (s.dataReady) {
+    Block_Cache_Rebuild();  // every block is kept and then freed at once
+    Release_All(s);
+  }
   Block_Cache_Drain();
   s.envExists = false;
 }

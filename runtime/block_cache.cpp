@@ -46,7 +46,7 @@ constexpr int CacheSlots = 128;
 constexpr int Buckets = 256;  // chains by size, a power of 2
 
 struct Slot {
-  void *p;       // the cached block
+  void *p;       // the cached block, null for a free slot
   size_t bytes;  // its size as given to Block_Put
   int next;      // next slot of the same chain, -1 at the end
 };
@@ -69,7 +69,7 @@ void Ready() {
   for (int b = 0; b < Buckets; ++b) g_head[b] = -1;
   g_free = -1;
   for (int i = CacheSlots - 1; i >= 0; --i) {
-    g_slots[i].next = g_free;
+    g_slots[i] = Slot{nullptr, 0, g_free};
     g_free = i;
   }
   g_used = 0;
@@ -80,23 +80,26 @@ void Ready() {
 // Takes the slot behind *link out of its chain and frees the slot.
 void *Unlink(int *link) {
   const int i = *link;
+  void *p = g_slots[i].p;
   *link = g_slots[i].next;
   g_slots[i].next = g_free;
+  g_slots[i].p = nullptr;
   g_free = i;
   --g_used;
   g_cached -= g_slots[i].bytes;
-  VLU_UNPOISON(g_slots[i].p, g_slots[i].bytes);
-  return g_slots[i].p;
+  VLU_UNPOISON(p, g_slots[i].bytes);
+  return p;
 }
 
 // Frees cached blocks, the largest first, until at most `bound` bytes stay.
 void Evict_To(size_t bound) {
   while (g_used > 0 && g_cached > bound) {
-    int *largest = nullptr;
-    for (int b = 0; b < Buckets; ++b)
-      for (int *link = &g_head[b]; *link >= 0; link = &g_slots[*link].next)
-        if (largest == nullptr || g_slots[*link].bytes > g_slots[*largest].bytes) largest = link;
-    std::free(Unlink(largest));
+    int largest = -1;
+    for (int i = 0; i < CacheSlots; ++i)
+      if (g_slots[i].p != nullptr && (largest < 0 || g_slots[i].bytes > g_slots[largest].bytes)) largest = i;
+    int *link = &g_head[Bucket(g_slots[largest].bytes)];
+    while (*link != largest) link = &g_slots[*link].next;
+    std::free(Unlink(link));
   }
 }
 
