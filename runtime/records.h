@@ -49,7 +49,7 @@ using TickSource = void (*)(int32_t *now, int32_t *rate, int32_t *max);
   X(VIM, IntVec, Basc)       /* status of every model column, 2n+1, NBasic or IBasic;       \
                                 vlu_factor, repairs of LUFactor, RecordBasisChange */       \
   X(VIM, IntVec, Rwcl)       /* model column pivoting on row i, n; LUFactor, update */      \
-  X(VIM, IntVec, Rgfr)       /* slot of the model layer, n+1; not read */                   \
+  X(VIM, IntVec, Rgfr)       /* slot of the model layer, n+1; allocated, not read */        \
   X(VIM, IntVec, HelpI)      /* work vector, 2n+1; lent as IIN%Indr in the bump,           \
                                 write positions in ExtractBasis and CreateColumnU, list of  \
                                 the nonzeros of a solve */                                  \
@@ -68,8 +68,8 @@ using TickSource = void (*)(int32_t *now, int32_t *rate, int32_t *max);
   X(VIM, RVec, AUrmat)       /* values of the column file (from 1) and of the U-file        \
                                 (U_elefirst..RowUSpace); ExtractBasis, Factor_Bump, update */ \
   X(VIM, RVec, Work1)        /* right-hand side and solution of vlu_solve, n */             \
-  X(VIM, RVec, UpdtWeight)   /* slot of the update weights, n; not read */                  \
-  X(VIM, RVec, X1Row)        /* slot of the model layer, 2n+1; not read */                  \
+  X(VIM, RVec, UpdtWeight)   /* weights of the model layer, n; allocated, not read */       \
+  X(VIM, RVec, X1Row)        /* row of the model layer, 2n+1; allocated, not read */       \
   X(VIM, IntVec, DegCol)     /* degenerate columns, minus for the lower bound; the          \
                                 degeneracy list, grown on demand; never active here */      \
   X(VIM, IntVec, DegStack)   /* last entry of DegCol per degeneracy level */                \
