@@ -3,23 +3,27 @@
 // Data touched: the caller's colStart (n + 1), rowIdx, colIdx, val (nz each)
 // and r (n, or null) are read once; VIM%Stcl (n + 2), VIM%Rnum, VIM%Cnum and
 // VIM%Jace (nz + n each) are written, positions nz + 1 .. nz + n being the
-// full column t; VIM%HelpZ (n + 1, zero on entry and on return) holds, only
-// when some column lists its rows out of ascending order, the last column in
-// which each row was seen.
+// full column t.  Before it receives colIdx, the memory of VIM%Cnum holds a
+// byte per place p = 1 .. nz + 1: 0 where a column begins, 1 inside one.
+// VIM%HelpZ (n + 1, zero on entry and on return) holds, only when some
+// column lists its rows out of ascending order, the last column in which
+// each row was seen.
 //
 // The checks ride on the copy so that the arrays are read once: column
 // starts and row numbers are tested with branch-free comparisons that the
 // compiler turns into vector code, and the position of a fault is looked up
 // afterwards, in the rare failing case.  Rows that rise strictly within
 // every column cannot repeat; only when some column does not rise is every
-// column searched for a repeated row.  Per column the work is one comparison
-// at its first row, which may lie below the last row of the column before.
+// column searched for a repeated row.  Per column the work is one store, the
+// mark of its first place, where the row may lie below the last row of the
+// column before.
 #include "interface/factor_args.h"
 
 #include <algorithm>
 #include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 
 #include "runtime/primitives.h"
 
@@ -90,10 +94,17 @@ bool Load_Factor_Matrix(VMI *vmi, const Factor_Args &a, char *msg) {
   stcl[n + 2] = stcl[n + 1] + n;
 
   // Row numbers: copied; one outside 1..n noted, and so is every place
-  // where a row number does not rise over the one before it.
+  // where a row does not rise over the one before it in the same column.
+  // Which places begin a column is marked first, a byte per place, in the
+  // memory of VIM%Cnum, which receives its copy of colIdx only at the end
+  // (nz + 2 bytes fit in its nz + n integers when n >= 1, and nz is 0 when
+  // n is 0).
   uint32_t outside = 0;
   int32_t noRise = 0;
   if (nz > 0) {
+    uint8_t *inside = reinterpret_cast<uint8_t *>(cnum + 1);  // byte p for place p
+    std::memset(inside + 1, 1, static_cast<size_t>(nz));
+    for (int32_t j = 0; j < n; ++j) inside[cs[j]] = 0;  // cs[j] <= nz + 1
     const uint32_t un = static_cast<uint32_t>(n);
     rnum[1] = ri[0];
     outside = static_cast<uint32_t>(ri[0]) - 1u >= un;
@@ -101,7 +112,7 @@ bool Load_Factor_Matrix(VMI *vmi, const Factor_Args &a, char *msg) {
       const int32_t x = ri[p - 1];
       rnum[p] = x;
       outside |= static_cast<uint32_t>(x) - 1u >= un;
-      noRise += x <= ri[p - 2];
+      noRise += (x <= ri[p - 2]) & inside[p];
     }
   }
   if (outside != 0) {
@@ -111,13 +122,6 @@ bool Load_Factor_Matrix(VMI *vmi, const Factor_Args &a, char *msg) {
         return Fail(msg, "vlu_factor: rowIdx[%d] = %d in column %d is outside 1..n = %d", p - 1, x,
                     Column_Of(cs, n, p), n);
     }
-  }
-  // Where one column ends and the next begins the rows may fall: such places
-  // do not count.  Each boundary is taken once, at the first column that
-  // starts there.
-  for (int32_t j = 2; j <= n && noRise > 0; ++j) {
-    const int32_t b = cs[j - 1];
-    if (b > cs[j - 2] && b <= nz) noRise -= ri[b - 1] <= ri[b - 2];
   }
   if (noRise > 0) {
     // Some column is not in ascending order: look for a row seen twice.
