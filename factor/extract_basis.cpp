@@ -147,7 +147,9 @@ void ExtractBasis(VMI *vmi) {
       i = j - numCol;
     } else {
       for (int32_t q = stcl[j]; q < stcl[j + 1]; ++q) {
-        if (std::fabs(jace[q]) >= tolZero && rotn[rnum[q]] == 0) {
+        // As in the counts, an element is whatever is not below Tol_Zero: a
+        // NaN is one (it then fails the pivot test).
+        if (!(std::fabs(jace[q]) < tolZero) && rotn[rnum[q]] == 0) {
           p = q;
           i = rnum[q];
           break;

@@ -78,11 +78,10 @@ extern "C" {
  *   and the table are valid only during the call.  After a fatal internal
  *   error every block is followed by a call with all three counts 0, a
  *   request to flush whatever the callback buffers; it carries no lines.
- * Result: return 0.  A non-zero result marks the message channel as failed:
- *   no later message reaches the callback until the next vlu_factor, and the
- *   environment counts as failed, so that the vlu_factor during which it
- *   happened, or the next vlu_update, stops with "VMI%Exception is not
- *   zero".
+ * Result: return 0.  A non-zero result silences the message channel: no
+ *   later message reaches the callback until the next vlu_factor.  The call
+ *   during which it happened gives up and stops with "VMI%Exception is not
+ *   zero"; later calls are not affected.
  * Messages appear when something goes wrong (internal errors and their
  *   causes); a regular factorization, solve or update sends none. */
 typedef int (*vlu_msgcb_t)(int smsg, int dmsg, int nmsg, char **lines, void *usrmem);
@@ -113,12 +112,13 @@ VLU_API void vlu_destroy(void);
  * Arguments (all read only; the library keeps its own copy, the caller may
  * reuse its arrays at once):
  *   n          number of rows and of matrix columns; 0 <= n.
- *   nz         number of matrix entries; 0 <= nz, and nz + n and 2n + 1
- *              must fit in a 32-bit int (memory is the practical limit).
+ *   nz         number of matrix entries; 0 <= nz, and nz + 2n at most
+ *              2147482623 (memory is the practical limit).
  *   colStart   n+1 entries: colStart[j-1] is the 1-based position of the
  *              first entry of column j in the three arrays below;
  *              colStart[0] = 1, non-decreasing, colStart[n] = nz + 1.
- *   rowIdx     nz entries: row of each entry, 1..n.
+ *   rowIdx     nz entries: row of each entry, 1..n; no row twice in one
+ *              column (any order within a column).
  *   colIdx     nz entries: column of each entry, 1..n, the column whose
  *              range in colStart holds the entry.
  *   val        nz entries: value of each entry, finite.  A (row, column)
@@ -140,19 +140,25 @@ VLU_API void vlu_destroy(void);
  *                     vlu_update.  To accept the pairs, set basisStat[j-1] to
  *                     0 and basisStat[n+i] to 2 for each and call vlu_factor
  *                     again.
- *   4 (VLU_NO_MEMORY) the environment could not be allocated; a message
+ *   4 (VLU_NO_MEMORY) memory ran out: for the environment, while the
+ *                     factors grew, or for the column copy of U; a message
  *                     went to standard output.  No factors or data are
  *                     kept; vlu_factor may be called again.
  * Any earlier factors and data are freed first; the counters, the message
  * callback and the update limit survive.
  * Stops:
+ *   "vlu_factor: ..."                            an argument breaks the rules
+ *       above (n or nz negative, a null array, sizes too large, colStart not
+ *       running from 1 to nz + 1, a row outside 1..n or repeated in a
+ *       column); the line names the first fault, e.g. "vlu_factor: row 1
+ *       appears twice in column 1 (rowIdx[0] and rowIdx[2])"
  *   "t basic but r unknown"                      basisStat[n] is 2, r NULL
  *   "BOGUS BasisStat value found: expected NBasic or IBasic"
  *                                                a status other than 0 or 2
  *   "VMI%Exception is not zero"                  the basis does not have
  *       exactly n basic columns (the callback receives the list of basic
- *       columns first), space ran out while the factors grew, the callback
- *       returned non-zero, or another fatal internal error
+ *       columns first), the callback returned non-zero during this call, or
+ *       another fatal internal error
  *   "singCnt <> VIM%Num_Sing", "MISMATCH IN SINGULAR COUNTS",
  *   "VARDEN says Num_Sing is 0 but basis changed",
  *   "dropped slack after factorization should not happen",
@@ -178,6 +184,10 @@ VLU_API int vlu_factor(const int *n, const int *nz, const int *colStart,
  * Result: 0 always.
  * Needs factors (see the protocol above).  The factors do not change.
  * Stops:
+ *   "vlu_solve called without factors: call vlu_factor first"
+ *                       before any vlu_factor, or after a result 4
+ *   "vlu_solve called on a singular basis: call vlu_factor first"
+ *                       after a result 3
  *   "Basis Bogus AAA"   the factors name a nonbasic column: internal
  *                       inconsistency. */
 VLU_API int vlu_solve(double *sol, const double *rhs);
@@ -211,8 +221,11 @@ VLU_API int vlu_solve(double *sol, const double *rhs);
  * Needs factors (see the protocol above).  The library's copy of the status
  * follows the change in every case.
  * Stops, tested in this order:
- *   "VMI%Exception is not zero"   entering or leaving outside 1..2n+1 (the
- *                                 callback receives the reason first)
+ *   "vlu_update called without factors: call vlu_factor first",
+ *   "vlu_update called on a singular basis: call vlu_factor first"
+ *                                 as for vlu_solve
+ *   "update: entering column Q is outside 1..2n+1 = M", and the same for
+ *   the leaving column            a column number out of range
  *   "update AAA: entering column is already basic"
  *   "update BBB: bogus basisStat"      basisStat[entering-1] is not 2
  *   "update CCC: leaving column is already nonbasic"
@@ -221,9 +234,11 @@ VLU_API int vlu_solve(double *sol, const double *rhs);
  *                                      library's copy
  *   "update CCC: r entering basis but already in"
  *                                      column t enters, coefficients known
- *   "VMI%Exception is not zero"        a fatal internal error, or a failed
- *                                      message channel (see vlu_msgcb_t),
- *                                      or vlu_msghack was called. */
+ *   "VMI%Exception is not zero"        a fatal internal error of this
+ *                                      call, or the callback returned
+ *                                      non-zero during it; the refactori-
+ *                                      zation inside vlu_update ran out of
+ *                                      memory. */
 VLU_API int vlu_update(const int *basisStat, const int *entering,
                        const int *leaving, const int *forceFactor);
 
@@ -262,16 +277,16 @@ VLU_API int vlu_getstats(int *nFactor, int *nUpdate, int *nRefactor);
  * factorization before vlu_update factorizes anew.
  *
  * Arguments:
- *   limit  in: 0 to 429496729; 0 makes every vlu_update refactorize.  -1
- *          lets the library choose: max(100, 10 * trunc(n^0.333)).
- *          2147483647, the value after vlu_create, sets no limit.  The
- *          library sizes a store by five times the limit in 32-bit
- *          arithmetic: another negative value, or most values above
- *          429496729, make the next vlu_factor stop with "VMI%Exception is
- *          not zero".
- * Result: the limit.
+ *   limit  in: -1, or 0 to 2147483647.  0 makes every vlu_update
+ *          refactorize; -1 lets the library choose: max(100, 10 *
+ *          trunc(n^0.333)); 2147483647, the value after vlu_create, sets
+ *          no limit.  Values below -1 count as 0, and values from
+ *          429496730 to 858993459 as 429496729 (the library sizes a store
+ *          by five times the limit in 32-bit arithmetic; no factorization
+ *          takes that many updates).
+ * Result: the limit in force.
  * Takes effect at the next vlu_factor; the current factors keep theirs.
- * Stops: none here (see above). */
+ * Stops: none. */
 VLU_API int vlu_setupdatelimit(const int *limit);
 
 /* vlu_regmsgcb: registers the message callback.

@@ -1,7 +1,9 @@
 // The exported solve and update calls.
+#include <algorithm>
 #include <cfloat>
 #include <cstring>
 #include <cstdint>
+#include <cstdio>
 
 #include "factor/factor.h"
 #include "interface/state.h"
@@ -11,8 +13,40 @@
 using vlu::Iface;
 using vlu::IfaceState;
 
+namespace {
+
+// Solves and updates need the factors of a regular basis: none exist before
+// the first vlu_factor, after one that ran out of memory, or after a result
+// 3, when the column copy of U was not built.
+void Need_Factors(const IfaceState &s, const char *who) {
+  char text[120];
+  if (!s.dataReady || s.env == nullptr) {
+    std::snprintf(text, sizeof text, "%s called without factors: call vlu_factor first", who);
+    vlu::Hard_Stop(text);
+  }
+  if (!s.env->Luf->ColCopy) {
+    std::snprintf(text, sizeof text, "%s called on a singular basis: call vlu_factor first", who);
+    vlu::Hard_Stop(text);
+  }
+}
+
+// The conditions that VMI%Exception holds from earlier calls (a message
+// routine that asked for silence, vlu_msghack) are set aside while a call
+// runs, so that the routines of the call, which all give up on a non-zero
+// Exception, see only what the call raises itself.  They come back when the
+// call returns: Exception never falls from one call to the next.
+struct Own_Exception {
+  vlu::VMI *env;
+  int32_t earlier;
+  explicit Own_Exception(vlu::VMI *e) : env(e), earlier(e->Exception) { e->Exception = 0; }
+  ~Own_Exception() { env->Exception = std::max(earlier, env->Exception); }
+};
+
+}  // namespace
+
 extern "C" VLU_API int vlu_solve(double *sol, const double *rhs) {
   IfaceState &s = Iface();
+  Need_Factors(s, "vlu_solve");
   vlu::VMI *env = s.env;
   vlu::VIM *vim = s.vim;
   const int32_t n = s.numRows;
@@ -44,20 +78,28 @@ extern "C" VLU_API int vlu_solve(double *sol, const double *rhs) {
 extern "C" VLU_API int vlu_update(const int *basisStat, const int *entering, const int *leaving,
                                   const int *forceFactor) {
   IfaceState &s = Iface();
+  Need_Factors(s, "vlu_update");
   vlu::VMI *env = s.env;
   vlu::VIM *vim = s.vim;
   const int32_t n = s.numRows;
   const int32_t total = 2 * n + 1;
   const int32_t in = *entering;
   const int32_t out = *leaving;
+  Own_Exception own(env);
 
   s.numSing = 0;
 
   // A column number outside the system cannot be looked up in the status
-  // arrays; the bookkeeping routine names the bad one and the call ends.
+  // arrays; the bookkeeping routine reports it through the message channel,
+  // and the stop names it.
   if (in < 1 || in > total || out < 1 || out > total) {
     vlu::RecordBasisChange(env, in, out);
-    vlu::Hard_Stop("VMI%Exception is not zero");
+    char text[120];
+    if (in < 1 || in > total)
+      std::snprintf(text, sizeof text, "update: entering column %d is outside 1..2n+1 = %d", in, total);
+    else
+      std::snprintf(text, sizeof text, "update: leaving column %d is outside 1..2n+1 = %d", out, total);
+    vlu::Hard_Stop(text);
   }
 
   int32_t *cur = s.curStat;

@@ -7,22 +7,27 @@
 namespace vlu {
 
 struct IfaceState {
-  bool envExists = false;
-  bool dataReady = false;
-  bool rKnown = false;
-  VMI *env = nullptr;
-  VIM *vim = nullptr;
-  int32_t numRows = 0, numNz = 0, numSing = 0;
-  int32_t updateLimit = 0;
-  int32_t nFactor = 0, nUpdate = 0, nRefactor = 0;
-  vlu_msgcb_t msgcbPtr = nullptr;
-  void *usrmem = nullptr;
-  // Interface arrays, 1-based (element 0 unused).
-  int32_t *curStat = nullptr;
-  double *rSave = nullptr;
-  int32_t *singRow = nullptr;
-  int32_t *singCol = nullptr;
-  uint8_t *mark = nullptr;
+  bool envExists = false;          // set by vlu_create, cleared by vlu_destroy
+  bool dataReady = false;          // records and arrays below exist (vlu_factor; cleared on release)
+  bool rKnown = false;             // column t's values are fixed (r given, or t entered)
+  VMI *env = nullptr;              // the environment; null when no records exist
+  VIM *vim = nullptr;              // env->Vim, taken when the records are built
+  int32_t numRows = 0;             // n of the last vlu_factor, >= 0
+  int32_t numNz = 0;               // nz of the last vlu_factor, >= 0
+  int32_t numSing = 0;             // singular pairs the last factor or update call found
+  int32_t updateLimit = 0;         // limit for the next vlu_factor: -1 or 0..2147483647
+                                   // (vlu_setupdatelimit, 2147483647 after vlu_create)
+  int32_t nFactor = 0;             // regular vlu_factor results since vlu_create
+  int32_t nUpdate = 0;             // in-place updates since vlu_create
+  int32_t nRefactor = 0;           // refactorizations of vlu_update since vlu_create
+  vlu_msgcb_t msgcbPtr = nullptr;  // the caller's message callback (vlu_regmsgcb), or null
+  void *usrmem = nullptr;          // handed to the callback unchanged
+  // Interface arrays of vlu_factor, 1-based (element 0 unused).
+  int32_t *curStat = nullptr;      // 2n+1: the status the caller asked for
+  double *rSave = nullptr;         // n: the last right-hand side while rKnown is false
+  int32_t *singRow = nullptr;      // n: row of pair k, zero until a reconciliation
+  int32_t *singCol = nullptr;      // n: column of pair k, zero until a reconciliation
+  uint8_t *mark = nullptr;         // n+1: scratch of the reconciliation
 };
 
 // The one instance (tests read it).

@@ -6,6 +6,7 @@
 #include <new>
 
 #include "factor/factor.h"
+#include "interface/factor_args.h"
 #include "interface/state.h"
 #include "runtime/block_cache.h"
 #include "runtime/messages.h"
@@ -58,6 +59,24 @@ void Release_All(IfaceState &s) {
   s.vim = nullptr;
   s.dataReady = false;
 }
+
+// The limit on updates as it takes effect.  LUF%Lstr is sized from
+// 5 * limit in 32 bits, which is negative for a limit below -1 and for one
+// from 429496730 to 858993459 (larger ones wrap to a positive size and stay
+// as they are).  A negative count of updates allows none, as 0 does; a limit
+// in the gap allows more updates than any factorization can take, as its
+// lower end 429496729 does.  -1 (automatic) passes unchanged.
+int32_t Valid_Update_Limit(int32_t limit) {
+  if (limit < -1) return 0;
+  if (limit >= 429496730 && limit <= 858993459) return 429496729;
+  return limit;
+}
+
+// The cache of vector blocks ends every factor call bounded by what the new
+// environment uses, whichever way the call returns.
+struct Trim_On_Return {
+  ~Trim_On_Return() { Block_Cache_Trim(); }
+};
 
 // Compares the basis that the factorization repaired (VIM%Basc) with the one
 // the caller asked for (curStat) and turns the difference into singular
@@ -132,6 +151,13 @@ VLU_API int vlu_create(void) {
     std::printf("\n** Fatal Error ** vlu_create called but environment already exists\n\n");
     return 1;
   }
+  // A vlu_factor without vlu_create left an environment: release it rather
+  // than lose it.
+  if (s.dataReady) {
+    Block_Cache_Rebuild();
+    Release_All(s);
+    Block_Cache_Trim();
+  }
   s.env = nullptr;
   s.vim = nullptr;
   s.numRows = 0;
@@ -147,7 +173,10 @@ VLU_API int vlu_create(void) {
 
 VLU_API void vlu_destroy(void) {
   IfaceState &s = Iface();
-  if (s.dataReady) Release_All(s);
+  if (s.dataReady) {
+    Block_Cache_Rebuild();  // every block is kept and then freed at once
+    Release_All(s);
+  }
   Block_Cache_Drain();
   s.envExists = false;
 }
@@ -156,7 +185,23 @@ VLU_API int vlu_factor(const int *n_, const int *nz_, const int *colStart, const
                        const int *colIdx, const double *val, const double *r,
                        const int *basisStat) {
   IfaceState &s = Iface();
-  if (s.dataReady) Release_All(s);
+  Factor_Args args;
+  args.n = *n_;
+  args.nz = *nz_;
+  args.colStart = colStart;
+  args.rowIdx = rowIdx;
+  args.colIdx = colIdx;
+  args.val = val;
+  args.r = r;
+  args.basisStat = basisStat;
+  char fault[Arg_Msg_Len];
+  if (!Check_Factor_Sizes(args, fault)) Hard_Stop(fault);
+
+  Trim_On_Return trim;
+  if (s.dataReady) {
+    Block_Cache_Rebuild();
+    Release_All(s);
+  }
   s.rKnown = (r != nullptr);
 
   int status = 0;
@@ -176,7 +221,7 @@ VLU_API int vlu_factor(const int *n_, const int *nz_, const int *colStart, const
   v->Max_Updates = s.updateLimit;
   Apply_Test_Hooks(v);
 
-  const int32_t n = *n_, nz = *nz_;
+  const int32_t n = args.n, nz = args.nz;
   s.numRows = n;
   s.numNz = nz;
   vim->NumRow = n;
@@ -196,8 +241,9 @@ VLU_API int vlu_factor(const int *n_, const int *nz_, const int *colStart, const
   s.dataReady = true;
   s.curStat = new (std::nothrow) int32_t[2 * static_cast<size_t>(n) + 2];
   s.rSave = new (std::nothrow) double[static_cast<size_t>(n) + 1];
-  s.singRow = new (std::nothrow) int32_t[static_cast<size_t>(n) + 1];
-  s.singCol = new (std::nothrow) int32_t[static_cast<size_t>(n) + 1];
+  // The pairs read zero until a reconciliation writes them.
+  s.singRow = new (std::nothrow) int32_t[static_cast<size_t>(n) + 1]();
+  s.singCol = new (std::nothrow) int32_t[static_cast<size_t>(n) + 1]();
   s.mark = new (std::nothrow) uint8_t[static_cast<size_t>(n) + 2];
   if (!s.curStat || !s.rSave || !s.singRow || !s.singCol || !s.mark) {
     std::printf("\n** Fatal Error ** Basic data structures could not be allocated\n\n");
@@ -206,17 +252,9 @@ VLU_API int vlu_factor(const int *n_, const int *nz_, const int *colStart, const
   }
   for (int32_t i = 0; i <= n; ++i) s.rSave[i] = 0.0;
 
-  // The matrix, with column t stored as a full column behind it.
-  int32_t *stcl = vim->Stcl.V, *rnum = vim->Rnum.V, *cnum = vim->Cnum.V;
-  double *jace = vim->Jace.Val;
-  for (int32_t j = 1; j <= n + 1; ++j) stcl[j] = colStart[j - 1];
-  stcl[n + 2] = stcl[n + 1] + n;
-  for (int32_t p = 1; p <= nz; ++p) rnum[p] = rowIdx[p - 1];
-  for (int32_t i = 1; i <= n; ++i) rnum[nz + i] = i;
-  for (int32_t p = 1; p <= nz; ++p) cnum[p] = colIdx[p - 1];
-  for (int32_t i = 1; i <= n; ++i) cnum[nz + i] = n + 1;
-  for (int32_t p = 1; p <= nz; ++p) jace[p] = val[p - 1];
-  for (int32_t i = 1; i <= n; ++i) jace[nz + i] = r != nullptr ? r[i - 1] : 0.0;
+  // The matrix, with column t stored as a full column behind it; a
+  // malformed matrix stops the call here.
+  if (!Load_Factor_Matrix(v, args, fault)) Hard_Stop(fault);
 
   if (basisStat[n] == IBasic && !s.rKnown) Hard_Stop("t basic but r unknown");
   int32_t *basc = vim->Basc.V;
@@ -247,13 +285,14 @@ VLU_API int vlu_factor(const int *n_, const int *nz_, const int *colStart, const
   }
   if (singCnt != s.numSing) Hard_Stop("VARDEN says Num_Sing is 0 but basis changed");
   CreateColumnU(v);
-  // The column copy may have to grow its store; without it the factors are
-  // of no use to the updates, so missing space ends the call as above.
+  // A column copy that could not get its space is no factorization: the
+  // caller hears of it as of any other shortage.
   if (!v->EnoughSpace) {
     std::printf("after CreateColumnU(), not VMI%%EnoughSpace\n");
     Release_All(s);
     return 4;
   }
+  if (v->Exception != 0) Hard_Stop("VMI%Exception is not zero");
   ++s.nFactor;
   return 0;
 }
@@ -281,8 +320,8 @@ VLU_API int vlu_getstats(int *nFactor, int *nUpdate, int *nRefactor) {
 }
 
 VLU_API int vlu_setupdatelimit(const int *limit) {
-  Iface().updateLimit = *limit;
-  return *limit;
+  Iface().updateLimit = Valid_Update_Limit(*limit);
+  return Iface().updateLimit;
 }
 
 VLU_API vlu_msgcb_t vlu_regmsgcb(void *usrmem, vlu_msgcb_t msgcb) {

@@ -87,7 +87,7 @@ bool Append_By_Kind(VMI *vmi, int kind, int32_t *count, const char *who) {
 // Sends the block: the one place that calls the message routine.
 void Send_Block(VMI *vmi) {
   if (vmi->SMsg == 0 && vmi->DMsg == 0) return;
-  if (vmi->Exception >= 100 || vmi->Msg_Routine == nullptr) {
+  if (vmi->Msg_Dead || vmi->Exception >= 100 || vmi->Msg_Routine == nullptr) {
     // A dead channel (or none at all): the lines are dropped.
     Drop_Block(vmi);
     return;
@@ -129,6 +129,7 @@ void Send_Block(VMI *vmi) {
       std::fflush(stdout);
     }
     if (vmi->Msg_Error == 0) vmi->Msg_Error = rc;
+    vmi->Msg_Dead = true;
     Raise_Exception(vmi, 100);
   }
 }
@@ -262,7 +263,7 @@ void Vdnmsg(VMI *vmi, int number, int i1, int i2, double r1, double r2, bool toS
 
 void Internal_Error(VMI *vmi, int number, bool fatal) {
   const bool isFatal = fatal || vmi->Errors_Fatal;
-  if (vmi->Exception < 100) {
+  if (vmi->Exception < 100 && !vmi->Msg_Dead) {
     Send_Block(vmi);
     int32_t n = 0;
     char buf[MsgWidth + 1];

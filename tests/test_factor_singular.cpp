@@ -2,6 +2,7 @@
 // pivot row takes the place, and the factor call reports the pairs.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <vector>
 
 #include "factor/factor.h"
@@ -73,6 +74,18 @@ TEST_F(FactorSingular, PivotEqualToTheAbsoluteToleranceIsSmall) {
   ASSERT_EQ(Six(1.0, -1.0000001e-10).Factor(), 0);
   EXPECT_EQ(Env()->Vim->Min_Pivot, 1.0000001e-10);
   EXPECT_TRUE(luc::Check_Factors(Env()));
+}
+
+// A NaN in the matrix is an element like any other: the triangular phase
+// that finds a column with one active element pivots on it, and the pivot
+// test takes the NaN for a small pivot (found by fuzzing: the search skipped
+// the NaN the counts had taken, and the call ended in an internal error).
+TEST_F(FactorSingular, NanEntryIsRepairedAsASmallPivot) {
+  luc::Cols cols(2);
+  cols[0] = {{1, 1.0}, {2, std::nan("")}};
+  cols[1] = {{1, 1.0}};
+  ASSERT_EQ(luc::From_Columns(2, cols, true).Factor(), 3);
+  EXPECT_EQ(Singular_Pairs(), (Pairs{{2, 1}}));
 }
 
 using SmallPivotDirect = luc::EnvTest;

@@ -126,6 +126,31 @@ TEST_F(Interface, FallbackWithoutCallbackPrintsThreeLines) {
   EXPECT_EQ(out.find("x\n"), std::string::npos);  // the text itself is not printed
 }
 
+// The callback's result is the message routine's result, and a non-zero one
+// silences the channel: Msg_Error keeps the first, Exception goes to 100.
+TEST_F(Interface, CallbackResultReachesTheChannel) {
+  char line[] = "x";
+  char *table[] = {line};
+  Captured c;
+  vlu_regmsgcb(&c, Capture);
+  c.result = 7;
+  EXPECT_EQ(vlu::c_std_message(1, 1, 0, table, nullptr), 7);
+  ASSERT_EQ(vlu_create(), 0);
+  Small s;
+  c.result = 0;
+  ASSERT_EQ(s.factor(), 0);
+  c.result = 5;
+  int k = 1;
+  vlu_msghack(&k);
+  vlu::VMI *env = vlu::Iface().env;
+  EXPECT_EQ(env->Msg_Error, 5);
+  EXPECT_EQ(env->Exception, 100);
+  const size_t seen = c.lines.size();
+  c.result = 0;
+  vlu_msghack(&k);  // nothing more reaches the callback
+  EXPECT_EQ(c.lines.size(), seen);
+}
+
 TEST_F(Interface, AaPrintsItsArgument) {
   int j = 42;
   testing::internal::CaptureStdout();

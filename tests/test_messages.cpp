@@ -14,6 +14,15 @@ using rt::Lines;
 namespace {
 
 TEST(Messages, DocumentLinesAreBatched) {
+  {
+    rt::Env e;  // the block goes out when its 18th document line arrives
+    for (int i = 1; i <= 17; ++i) Doc(e.v, "line %d", i);
+    EXPECT_TRUE(e.cap.calls.empty());
+    Doc(e.v, "line 18");
+    ASSERT_EQ(e.cap.calls.size(), 1u);
+    EXPECT_EQ(e.cap.calls[0].dmsg, 18);
+    EXPECT_EQ(e.cap.calls[0].lines.back(), "line 18");
+  }
   rt::Env e;
   for (int i = 1; i <= 17; ++i) Doc(e.v, "line %d", i);
   EXPECT_TRUE(e.cap.calls.empty());
@@ -38,6 +47,26 @@ TEST(Messages, DocumentLinesAreBatched) {
   EXPECT_EQ(e.cap.calls[1].smsg, 1);
   EXPECT_EQ(e.cap.calls[1].dmsg, 1);
   EXPECT_EQ(e.cap.calls[1].lines, (Lines{"both"}));
+}
+
+// Vd2both keeps what is pending only while it has room: with 19 lines
+// waiting for screen and document it sends them first, then its own line.
+TEST(Messages, Vd2bothSendsAFullBlockFirst) {
+  for (int pending : {18, 19}) {
+    rt::Env e;
+    for (int i = 1; i <= pending; ++i) std::snprintf(e.v->Msg_Block[i], vlu::MsgWidth + 1, "old %d", i);
+    e.v->SMsg = e.v->DMsg = pending;
+    Msg_Set(e.v, "new");
+    Vd2both(e.v, 1);
+    if (pending == 18) {
+      ASSERT_EQ(e.cap.calls.size(), 1u);
+      EXPECT_EQ(e.cap.calls[0].lines.size(), 19u);
+    } else {
+      ASSERT_EQ(e.cap.calls.size(), 2u);
+      EXPECT_EQ(e.cap.calls[0].smsg, 19);
+      EXPECT_EQ(e.cap.calls[1].lines, (Lines{"new"}));
+    }
+  }
 }
 
 // The length-carrying style: an empty line is one blank of length 1,

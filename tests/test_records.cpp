@@ -1,12 +1,17 @@
 // Record tree, vector sizing and teardown balance.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <string>
 #include <vector>
 
+#include "interface/state.h"
+#include "runtime/block_cache.h"
 #include "runtime/messages.h"
 #include "runtime/records.h"
+#include "triangular_support.h"
+#include "vardenlu.h"
 
 namespace {
 
@@ -172,6 +177,96 @@ TEST(Records, DeallocationProvesBalanceBeforeFreeing) {
   EXPECT_GT(v->Mem_Max, 0);
   EXPECT_GT(v->Mem_Total, 0);
   vlu::VMI_Deallocate(&v, &status);
+}
+
+// Counts what the slot listings of all records see allocated, per class as
+// the memory statistics count it, and checks the names on the way.
+struct Census {
+  int32_t vecInt = 0, vecReal = 0, vecLog = 0;
+  int64_t eleInt = 0, eleReal = 0, eleLog = 0;
+  std::vector<std::string> names;
+  std::string prefix;
+  void operator()(const char *name, vlu::IntVec &x) { Plain(name, x, vecInt, eleInt); }
+  void operator()(const char *name, vlu::LIntVec &x) { Plain(name, x, vecInt, eleInt); }
+  void operator()(const char *name, vlu::LogVec &x) { Plain(name, x, vecLog, eleLog); }
+  void operator()(const char *name, vlu::RVec &x) { Rec(name, x, vecReal, eleReal); }
+  void operator()(const char *name, vlu::IVec &x) { Rec(name, x, vecInt, eleInt); }
+  void Named(const char *name) {
+    names.emplace_back(name);
+    EXPECT_EQ(std::string(name).rfind(prefix, 0), 0u) << name;
+  }
+  template <typename V> void Plain(const char *name, V &x, int32_t &vecs, int64_t &eles) {
+    Named(name);
+    if (x.Allocated()) ++vecs, eles += x.Size;
+  }
+  template <typename V> void Rec(const char *name, V &x, int32_t &vecs, int64_t &eles) {
+    Named(name);
+    char trimmed[21];
+    EXPECT_STREQ(vlu::Trim_Name(x.Name, trimmed), name);  // named through the listing
+    if (x.Allocated()) ++vecs, eles += x.BaseSize;        // counted by the allocated size
+  }
+  template <typename R> void Record(R *r, const char *pre) {
+    ASSERT_NE(r, nullptr);
+    prefix = pre;
+    vlu::ForEachVec(*r, *this);
+  }
+};
+
+// Every vector the library allocates is a slot of a listing: the listings
+// account for exactly the vectors and elements of the memory statistics,
+// after the set-up and after a factorization with its bump vectors.  A
+// vector kept outside the listings would be missed here (and never released).
+TEST(Records, ListingsCoverEveryAllocatedVector) {
+  auto check = [](vlu::VMI *v) {
+    Census c;
+    c.Record(v->Vim, "VIM%");
+    c.Record(v->Luf, "LUF%");
+    c.Record(v->Iin, "IIN%");
+    c.Record(v->Bnd, "BND%");
+    EXPECT_EQ(c.vecInt, v->NumVec_Int);
+    EXPECT_EQ(c.vecReal, v->NumVec_Real);
+    EXPECT_EQ(c.vecLog, v->NumVec_Log);
+    EXPECT_EQ(c.eleInt, v->NumEle_Int);
+    EXPECT_EQ(c.eleReal, v->NumEle_Real);
+    EXPECT_EQ(c.eleLog, v->NumEle_Log);
+    std::sort(c.names.begin(), c.names.end());
+    EXPECT_EQ(std::adjacent_find(c.names.begin(), c.names.end()), c.names.end());
+    EXPECT_GE(c.names.size(), 75u);
+  };
+  vlu::VMI *v = Build(30, 90);
+  vlu::Allocate_Inversion(v);
+  check(v);
+  int status = 0;
+  vlu::VMI_Deallocate(&v, &status);
+
+  vlu_destroy();
+  vlu_create();
+  tri::System s = tri::Make_System(60, tri::Shape::Upper, 5, true, 0.25);
+  ASSERT_EQ(tri::Factor(s.c, s.c.basis), 0);
+  ASSERT_TRUE(vlu::Iface().env->Iin->Lisr.Allocated());
+  check(vlu::Iface().env);
+  vlu_destroy();
+}
+
+// A vector left outside the records makes the teardown report the imbalance
+// and raise error 9999; the teardown still completes.
+TEST(Records, TeardownReportsAStrayVector) {
+  g_lines.clear();
+  vlu::VMI *v = Build(10, 20);
+  vlu::Allocate_Inversion(v);
+  vlu::IntVec stray;
+  vlu::Allocate_Int(v, stray, "Stray", 7);
+  int status = 0;
+  vlu::VMI_Deallocate(&v, &status);
+  EXPECT_EQ(v, nullptr);
+  const auto at = std::find(g_lines.begin(), g_lines.end(),
+                            "** Fatal Error ** Memory statistics not in balance after executing "
+                            "VMI_Deallocate:");
+  ASSERT_NE(at, g_lines.end());
+  EXPECT_NE(std::find(at, g_lines.end(), "NumVec_Int  =   1 NumEle_Int  =           7"),
+            g_lines.end());
+  EXPECT_NE(std::find(at, g_lines.end(), " **** Fatal System Error Number  9999"), g_lines.end());
+  vlu::Block_Put(stray.Raw, 7 * sizeof(int32_t));  // the stray block, by hand
 }
 
 }  // namespace

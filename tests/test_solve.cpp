@@ -1,6 +1,7 @@
 // The forward solve on factors written by hand into an environment, so that
 // each form of L_Solve can be forced and the forms compared, and the repair
 // path for huge or NaN solutions reached.
+#include <cmath>
 #include <limits>
 
 #include "runtime/records.h"
@@ -189,6 +190,67 @@ TEST(SolveForms, DotFormAddsEightPartialSums) {
   h.Store();
   ASSERT_FALSE(h.Dot_Form());
   EXPECT_NE(h.Run(vlu::L_Solve, b)[19], -14.5);
+}
+
+// The sparse form of L: the same values as the dense form, each nonzero
+// listed once, and a row that an eta leaves at zero not listed.
+TEST(SolveForms, SparseFormAgreesAndListsEachNonzeroOnce) {
+  Hand h(40, 31);
+  for (int k = 1; k <= 8; ++k) h.cols.push_back(h.Random(k, 5));
+  for (int g = 0; g < 4; ++g) h.etas.push_back(h.Random(20 + g, 6));
+  // An eta whose sources no column and no eta reaches: its row stays zero.
+  std::vector<int> reached(41, 0);
+  for (const Group &g : h.cols)
+    for (const auto &e : g.ents) reached[e.first] = 1;
+  for (const Group &g : h.etas) reached[g.row] = 1;
+  for (int r : {1, 5, 12}) reached[r] = 1;
+  std::vector<int> quiet;
+  for (int r = 24; r <= 40; ++r)
+    if (!reached[r]) quiet.push_back(r);
+  ASSERT_GE(quiet.size(), 3u);
+  const int zeroRow = quiet[0];
+  h.etas.push_back({zeroRow, {{quiet[1], 0.5}, {quiet[2], -0.25}}});
+  h.Store();
+  std::vector<double> b(40, 0.0);
+  b[0] = 1.0, b[4] = -2.0, b[11] = 0.5;  // rows 1, 5, 12
+  const std::vector<double> dense = h.Run(vlu::L_Solve, b);
+  vlu::IntVec list, marks;
+  vlu::Allocate_Int(h.env, list, "List", 2 * 40);
+  vlu::Allocate_Int(h.env, marks, "Marks", 40);
+  for (int i = 1; i <= 40; ++i) marks[i] = 0;
+  int len = 0;
+  for (int r : {1, 5, 12}) list[++len] = r, marks[r] = 1;
+  double *w = h.env->Vim->Work1.Val;
+  std::copy(b.begin(), b.end(), w + 1);
+  len = vlu::L_Solve_Sparse(h.env, h.env->Vim->Work1, list, marks, len);
+  std::vector<int> seen(41, 0);
+  for (int k = 1; k <= len; ++k) {
+    ASSERT_TRUE(list[k] >= 1 && list[k] <= 40);
+    EXPECT_EQ(++seen[list[k]], 1) << "row " << list[k] << " listed twice";
+  }
+  for (int i = 1; i <= 40; ++i) {
+    EXPECT_NEAR(w[i], dense[i - 1], 1e-15) << i;
+    if (w[i] != 0.0) {
+      EXPECT_EQ(seen[i], 1) << "nonzero row " << i << " not listed";
+    }
+    EXPECT_EQ(marks[i], seen[i]) << i;
+  }
+  EXPECT_EQ(seen[zeroRow], 0);
+  vlu::Deallocate_Int(h.env, list, "List");
+  vlu::Deallocate_Int(h.env, marks, "Marks");
+}
+
+// A solution of exactly 1e100 is at the limit: the repair runs.
+TEST(SolveForms, SolutionAtTheLimitIsRepaired) {
+  for (double x : {1e100, std::nextafter(1e100, 0.0)}) {
+    Hand h(4, 3);
+    h.env->Luf->Ucmat[2] = 1.0;
+    std::vector<double> b(4, 0.0);
+    b[1] = x;
+    h.Run(vlu::Solve_Ftran, b);
+    EXPECT_EQ(h.env->Vim->Max_UpCol, x);
+    EXPECT_EQ(h.env->Nan_Events, x >= 1e100 ? 1 : 0) << x;
+  }
 }
 
 TEST(SolveForms, HugeOrNaNSolutionReachesDefNan) {

@@ -4,6 +4,8 @@
 
 #include <cstdint>
 #include <functional>
+#include <utility>
+#include <vector>
 
 #include "runtime/vectors.h"
 #include "runtime_env.h"
@@ -28,6 +30,9 @@ TEST(Vectors, RealSizesAlignmentAndAccounting) {
     EXPECT_EQ(v.BaseSize, c.size);
     EXPECT_EQ(v.Extent, c.length);
     EXPECT_TRUE(On_Cache_Line(v.Val + 1));
+    // The view starts in the first cache line of the block and ends inside it.
+    EXPECT_LT(v.Val + 1 - v.Base, 8);
+    EXPECT_LE(v.Val + 1 + v.Extent, v.Base + v.BaseSize);
     EXPECT_EQ(e.v->Mem_Current, int64_t(c.size) * 8);
     for (int32_t i = 1; i <= c.length; ++i) v.Val[i] = 1.0;  // inside the block (sanitizer build)
     Deallocate_RVec(e.v, v);
@@ -173,11 +178,69 @@ TEST(Vectors, IncreaseKeepsTheFirstSectionAndZeroDeltaReallocates) {
   Increase_RVec(e.v, a, 0);
   EXPECT_EQ(e.v->Mem_Current, cur);
   EXPECT_EQ(e.v->Mem_Total, total + 24 * 8);
+  {
+    // While the contents move both blocks exist: the peak counts them both.
+    rt::Env f;
+    RVec x;
+    IntVec p;
+    Allocate_RVec(f.v, x, 10);
+    Allocate_Int(f.v, p, "VIM%Rnum", 100);
+    const int64_t before = f.v->Mem_Current;
+    Increase_Int(f.v, p, "VIM%Rnum", 50);
+    EXPECT_EQ(f.v->Mem_Max, before + 150 * 4);
+    EXPECT_EQ(f.v->Mem_Current, before + 50 * 4);
+    Increase_RVec(f.v, x, 0);
+    EXPECT_EQ(f.v->Mem_Max, before + 150 * 4);  // 2 * 192 bytes more is below that peak
+    Increase_RVec(f.v, x, 100);
+    EXPECT_EQ(f.v->Mem_Max, before + 50 * 4 + int64_t(RVec_AllocSize(110, 1)) * 8);
+    Deallocate_Int(f.v, p, "VIM%Rnum");
+    Deallocate_RVec(f.v, x);
+    EXPECT_TRUE(f.Balanced());
+  }
   for (int32_t i = 1; i <= 10; ++i) EXPECT_EQ(a.Val[i], 0.5 * i);
 
   Deallocate_RVec(e.v, a);
   EXPECT_TRUE(e.Balanced());
   EXPECT_TRUE(e.cap.calls.empty());
+}
+
+// The view begins at the first 64-byte boundary at or after the block, for
+// every block the allocator hands out (among 200, some start on a boundary).
+TEST(Vectors, ViewStartsAtTheFirstCacheLineOfTheBlock) {
+  rt::Env e;
+  std::vector<RVec> vs(200);
+  std::vector<IVec> is(200);
+  int onBoundary = 0;
+  for (int32_t k = 0; k < 200; ++k) {
+    Allocate_RVec(e.v, vs[k], k + 1);
+    Allocate_Ivec(e.v, is[k], k + 1);
+    for (auto [base, val] : {std::pair<const void *, const void *>{vs[k].Base, vs[k].Val + 1},
+                             {is[k].Base, is[k].Val + 1}}) {
+      const uintptr_t b = reinterpret_cast<uintptr_t>(base);
+      EXPECT_EQ(reinterpret_cast<uintptr_t>(val), (b + 63) / 64 * 64) << k;
+      onBoundary += b % 64 == 0;
+    }
+  }
+  EXPECT_GT(onBoundary, 0);
+  for (int32_t k = 0; k < 200; ++k) {
+    Deallocate_RVec(e.v, vs[k]);
+    Deallocate_IVec(e.v, is[k]);
+  }
+  EXPECT_TRUE(e.Balanced());
+}
+
+TEST(Vectors, PlainIncreaseKeepsEveryElement) {
+  rt::Env e;
+  for (int32_t size : {1, 2, 7}) {
+    IntVec p;
+    Allocate_Int(e.v, p, "VIM%Rnum", size);
+    for (int32_t i = 1; i <= size; ++i) p[i] = 100 + i;
+    Increase_Int(e.v, p, "VIM%Rnum", 3);
+    ASSERT_EQ(p.Size, size + 3);
+    for (int32_t i = 1; i <= size; ++i) EXPECT_EQ(p[i], 100 + i) << size;
+    Deallocate_Int(e.v, p, "VIM%Rnum");
+  }
+  EXPECT_TRUE(e.Balanced());
 }
 
 TEST(Vectors, ReuseAndTempUseMoveNoMemory) {

@@ -160,6 +160,10 @@ TEST(CaseFiles, MalformedFoldersAreRefused) {
       {head + "2 2 2\n1 1 1.0\n1 1 2.0\n", basis, "", "duplicate"},
       {head + "2 2 1\n1 1 x\n", basis, "", "row column value"},
       {head + "2 3 1\n1 1 1.0\n", basis, "", "square"},
+      // Sizes that the rest of the files cannot back are refused before
+      // anything of that size is allocated.
+      {head + "2 2 1000000000\n1 1 1.0\n", basis, "", "size line says 1000000000"},
+      {head + "100000000 100000000 0\n", basis, "", "fewer than 2n+1 = 200000001"},
       {one, "2\n0\n0\n0\n", "", "2n+1"},
       {one, "2\n0\n0\n1\n2\n", "", "status"},
       {one, "2\n2\n0\n0\n2\n", "", "basic columns"},

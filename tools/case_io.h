@@ -154,22 +154,51 @@ inline bool Is_Case_Dir(const std::string &dir) {
   return detail::File_Exists(dir + "/matrix.mtx");
 }
 
-// Reads a whole case.  On failure returns false with a message in err.
-inline bool Read_Case(const std::string &dir, Case &c, std::string &err) {
-  using namespace detail;
-  c = Case();
-  c.dir = dir;
-  c.name = Base_Name(dir);
-  std::string text;
+// The files of a case folder as text; absent optional files have their
+// flag false.
+struct Case_Texts {
+  std::string matrix, basis, r, walk, info;
+  bool hasR = false, hasWalk = false, hasInfo = false;
+};
 
-  // matrix.mtx
-  const std::string mfile = "matrix.mtx";
-  if (!Read_File(dir + "/" + mfile, text)) {
-    err = "cannot read " + dir + "/" + mfile;
+// Reads the files of a case folder.  On failure returns false with a
+// message in err.
+inline bool Read_Case_Texts(const std::string &dir, Case_Texts &t, std::string &err) {
+  using namespace detail;
+  t = Case_Texts();
+  if (!Read_File(dir + "/matrix.mtx", t.matrix)) {
+    err = "cannot read " + dir + "/matrix.mtx";
     return false;
   }
+  if (!Read_File(dir + "/basis.txt", t.basis)) {
+    err = "cannot read " + dir + "/basis.txt";
+    return false;
+  }
+  if (File_Exists(dir + "/r.txt")) {
+    if (!Read_File(dir + "/r.txt", t.r)) {
+      err = "cannot read " + dir + "/r.txt";
+      return false;
+    }
+    t.hasR = true;
+  }
+  t.hasInfo = Read_File(dir + "/info.txt", t.info);
+  if (File_Exists(dir + "/walk.txt")) {
+    if (!Read_File(dir + "/walk.txt", t.walk)) {
+      err = "cannot read " + dir + "/walk.txt";
+      return false;
+    }
+    t.hasWalk = true;
+  }
+  return true;
+}
+
+// Parses the texts of a case.  On failure returns false with a message in
+// err.
+inline bool Parse_Case(const Case_Texts &t, Case &c, std::string &err) {
+  using namespace detail;
+  const std::string mfile = "matrix.mtx";
   {
-    std::vector<std::string> lines = Lines(text);
+    std::vector<std::string> lines = Lines(t.matrix);
     size_t li = 0;
     if (lines.empty() || lines[0].compare(0, 14, "%%MatrixMarket") != 0) {
       err = mfile + ": missing %%MatrixMarket header";
@@ -200,11 +229,19 @@ inline bool Read_Case(const std::string &dir, Case &c, std::string &err) {
       err = mfile + ": matrix is not square";
       return false;
     }
+    // The size line alone decides no allocation: the entries must stand in
+    // the lines that follow, and the 2n+1 status values in basis.txt.
+    const size_t basisLines = static_cast<size_t>(std::count(t.basis.begin(), t.basis.end(), '\n')) + 1;
+    if (basisLines < 2 * static_cast<size_t>(rows) + 1) {
+      err = "basis.txt: " + std::to_string(basisLines) + " lines, fewer than 2n+1 = " +
+            std::to_string(2 * rows + 1);
+      return false;
+    }
     c.n = static_cast<int>(rows);
     c.nz = static_cast<int>(nnz);
     ++li;
     std::vector<std::pair<std::pair<int, int>, double>> ent;  // ((col, row), value)
-    ent.reserve(static_cast<size_t>(nnz));
+    ent.reserve(std::min(static_cast<size_t>(nnz), lines.size() - li));
     for (; li < lines.size(); ++li) {
       if (Blank(lines[li]) || lines[li][0] == '%') continue;
       std::vector<std::string> f = Fields(lines[li]);
@@ -260,12 +297,8 @@ inline bool Read_Case(const std::string &dir, Case &c, std::string &err) {
   const size_t total = 2 * n + 1;
 
   // basis.txt
-  if (!Read_File(dir + "/basis.txt", text)) {
-    err = "cannot read " + dir + "/basis.txt";
-    return false;
-  }
   {
-    std::vector<std::string> lines = Lines(text);
+    std::vector<std::string> lines = Lines(t.basis);
     size_t basic = 0;
     for (size_t li = 0; li < lines.size(); ++li) {
       if (Blank(lines[li])) continue;
@@ -295,12 +328,8 @@ inline bool Read_Case(const std::string &dir, Case &c, std::string &err) {
   }
 
   // r.txt (optional)
-  if (File_Exists(dir + "/r.txt")) {
-    if (!Read_File(dir + "/r.txt", text)) {
-      err = "cannot read " + dir + "/r.txt";
-      return false;
-    }
-    std::vector<std::string> lines = Lines(text);
+  if (t.hasR) {
+    std::vector<std::string> lines = Lines(t.r);
     for (size_t li = 0; li < lines.size(); ++li) {
       if (Blank(lines[li])) continue;
       std::vector<std::string> f = Fields(lines[li]);
@@ -322,8 +351,8 @@ inline bool Read_Case(const std::string &dir, Case &c, std::string &err) {
   }
 
   // info.txt (optional for reading; all keys are advisory)
-  if (Read_File(dir + "/info.txt", text)) {
-    for (const std::string &line : Lines(text)) {
+  if (t.hasInfo) {
+    for (const std::string &line : Lines(t.info)) {
       size_t colon = line.find(':');
       if (colon == std::string::npos) continue;
       std::string key = line.substr(0, colon);
@@ -338,13 +367,9 @@ inline bool Read_Case(const std::string &dir, Case &c, std::string &err) {
   }
 
   // walk.txt (optional): checked against a running copy of the status.
-  if (File_Exists(dir + "/walk.txt")) {
-    if (!Read_File(dir + "/walk.txt", text)) {
-      err = "cannot read " + dir + "/walk.txt";
-      return false;
-    }
+  if (t.hasWalk) {
     std::vector<int> stat = c.basis;
-    std::vector<std::string> lines = Lines(text);
+    std::vector<std::string> lines = Lines(t.walk);
     for (size_t li = 0; li < lines.size(); ++li) {
       if (Blank(lines[li]) || lines[li][0] == '#') continue;
       std::vector<std::string> f = Fields(lines[li]);
@@ -379,6 +404,16 @@ inline bool Read_Case(const std::string &dir, Case &c, std::string &err) {
     c.hasWalk = true;
   }
   return true;
+}
+
+// Reads a whole case.  On failure returns false with a message in err.
+inline bool Read_Case(const std::string &dir, Case &c, std::string &err) {
+  Case_Texts t;
+  c = Case();
+  if (!Read_Case_Texts(dir, t, err)) return false;
+  c.dir = dir;
+  c.name = detail::Base_Name(dir);
+  return Parse_Case(t, c, err);
 }
 
 // ---------------------------------------------------------------------------
