@@ -162,14 +162,6 @@ struct PivotSteps : bmp::BumpTest {
     if (Battery() == 0) return ::testing::AssertionSuccess();
     return ::testing::AssertionFailure() << "after position " << s.Piv_Indx - 1 << "\n" << msgs.All();
   }
-  // The pivots the search chooses, to the end, the battery after each.
-  void Run_To_End() {
-    while (s.Piv_Indx <= s.NumRow) {
-      ASSERT_NO_FATAL_FAILURE(Pivot());
-      if (s.Dense_Now) break;
-      ASSERT_TRUE(Sound());
-    }
-  }
 };
 
 TEST_F(PivotSteps, SingletonStepsWriteUAndL) {
@@ -192,7 +184,6 @@ TEST_F(PivotSteps, SingletonStepsWriteUAndL) {
   EXPECT_EQ(luf->Rlen.V[2], 3);
   EXPECT_EQ(luf->Ic.V[luf->Rstr.V[2]], 2);  // pivot first in U
   EXPECT_TRUE(Sound());
-  ASSERT_NO_FATAL_FAILURE(Run_To_End());
 
   // The transpose: after the pivot (1, 1) row 2 keeps place 2 alone, a row
   // singleton whose column still holds rows 3 and 4: an L column of two.
@@ -210,7 +201,6 @@ TEST_F(PivotSteps, SingletonStepsWriteUAndL) {
   EXPECT_EQ(luf->Lsor.V[luf->L_Cols + 1] - luf->Lsor.V[luf->L_Cols], 2);
   EXPECT_EQ(luf->Rlen.V[2], 1);
   EXPECT_TRUE(Sound());
-  ASSERT_NO_FATAL_FAILURE(Run_To_End());
 }
 
 TEST_F(PivotSteps, AThreeByThreeBlockTakesOnlyItsPivotAndDropsTinyMultipliers) {
@@ -241,7 +231,7 @@ TEST_F(PivotSteps, AThreeByThreeBlockTakesOnlyItsPivotAndDropsTinyMultipliers) {
   EXPECT_TRUE(Sound());
 }
 
-TEST_F(PivotSteps, BlocksGrowByFurtherPivotsAlsoBeyondABatch) {
+TEST_F(PivotSteps, BlocksGrowByFurtherPivotsAlsoSemiDenseAndBeyondABatch) {
   // Band of width 4: the pivot (20, 20) makes a block of 9 x 9, count 64, so
   // further pivots are tried, and the band's next rows and columns qualify.
   ASSERT_NO_FATAL_FAILURE(Start(bmp::Banded(40, 4, true)));
@@ -254,8 +244,13 @@ TEST_F(PivotSteps, BlocksGrowByFurtherPivotsAlsoBeyondABatch) {
   for (int32_t k = indx; k < s.Piv_Indx; ++k)  // U rows pivot first, in pivot order
     EXPECT_EQ(luf->Ic.V[luf->Rstr.V[vim->Rnto.V[k]]], vim->Cnto.V[k]);
   ASSERT_TRUE(Sound());
-  ASSERT_NO_FATAL_FAILURE(Run_To_End());
-
+  // The same in semi-dense mode: rows and columns move between C-lists only.
+  ASSERT_NO_FATAL_FAILURE(Start(bmp::Banded(40, 4, true)));
+  vlu::Switch_to_Semi_Dense(s, s.Piv_Indx);
+  ASSERT_NO_FATAL_FAILURE(Step(20, 20));
+  EXPECT_GT(s.St.Gen, 1);
+  EXPECT_EQ(s.Count_Mark_Col + s.St.Rescans, 0);
+  ASSERT_TRUE(Sound());
   // With room in Mmat the block runs along a band of 300: more than 64
   // pivots, so batches are applied while the block still grows, and the
   // rows it takes in later hold amounts pending from them.
@@ -267,19 +262,6 @@ TEST_F(PivotSteps, BlocksGrowByFurtherPivotsAlsoBeyondABatch) {
   ASSERT_NO_FATAL_FAILURE(Step(150, 150));
   EXPECT_GT(s.St.Gen, 2 * vlu::Batch_Width) << msgs.All();
   ASSERT_TRUE(Sound());
-  ASSERT_NO_FATAL_FAILURE(Run_To_End());
-}
-
-TEST_F(PivotSteps, SemiDenseStepsToTheEnd) {
-  // Semi-dense from the start: rows and columns move between C-lists only.
-  ASSERT_NO_FATAL_FAILURE(Start(bmp::Banded(40, 4, true)));
-  vlu::Switch_to_Semi_Dense(s, s.Piv_Indx);
-  ASSERT_NO_FATAL_FAILURE(Step(20, 20));
-  EXPECT_GT(s.St.Gen, 1);
-  EXPECT_EQ(s.Count_Mark_Col, 0);
-  ASSERT_TRUE(Sound());
-  ASSERT_NO_FATAL_FAILURE(Run_To_End());
-  EXPECT_EQ(s.St.Rescans, 0);
 }
 
 TEST_F(PivotSteps, SqueezeDropsWhatCancelsAndASmallPivotEndsTheBlock) {
@@ -307,6 +289,31 @@ TEST_F(PivotSteps, SqueezeDropsWhatCancelsAndASmallPivotEndsTheBlock) {
   EXPECT_EQ(s.St.Gen, 1);
   EXPECT_EQ(vim->AUrmat.Val[luf->Rstr.V[20]], 1.0);
   EXPECT_EQ(vim->Num_Sing, 1);
+}
+
+// Factor_Bump itself: a pivot below Rtpiva makes the slack of its row take
+// the place of the column, and the place is listed in HelpZ.
+TEST_F(PivotSteps, FactorBumpReplacesATinyPivotByTheSlackOfItsRow) {
+  // Rows 4..6 x places 1..3, where places 2 and 3 are equal but for 1e-13
+  // in row 6; rows 1..3 x places 4..6 a regular block.  No row number is a
+  // place of the singular block.
+  luc::Cols cols(6);
+  cols[0] = {{4, 2.0}, {5, 1.0}, {6, 1.0}};
+  cols[1] = {{4, 1.0}, {5, 3.0}, {6, 1.0}};
+  cols[2] = {{4, 1.0}, {5, 3.0}, {6, 1.0 + 1e-13}};
+  cols[3] = {{1, 4.0}, {2, 1.0}, {3, 1.0}};
+  cols[4] = {{1, 1.0}, {2, 4.0}, {3, 1.0}};
+  cols[5] = {{1, 1.0}, {2, 1.0}, {3, 4.0}};
+  ASSERT_NO_FATAL_FAILURE(Start(luc::From_Columns(6, cols, true), false));
+  vlu::Factor_Bump(env);
+  ASSERT_EQ(env->Exception, 0) << msgs.All();
+  ASSERT_EQ(vim->Num_Sing, 1);
+  const int32_t place = vim->HelpZ.V[1];
+  ASSERT_TRUE(place == 2 || place == 3) << place;
+  const int32_t row = vim->Rnto.V[vim->Cotn.V[place]];
+  EXPECT_EQ(vim->Cbto.V[place], vim->NumCol + row);
+  EXPECT_EQ(vim->Basc.V[vim->NumCol + row], 2);
+  EXPECT_EQ(vim->Basc.V[place], 0);
 }
 
 }  // namespace

@@ -8,10 +8,11 @@
 
 #include <algorithm>
 #include <cmath>
-#include <random>
 #include <set>
+#include <string>
 #include <vector>
 
+#include "factor/factor.h"
 #include "runtime/messages.h"
 #include "runtime/primitives.h"
 #include "runtime/records.h"
@@ -44,22 +45,6 @@ luc::Problem Ring(int n) {
   for (int j = 1; j <= n; ++j)
     for (int d = 0; d < (j == n ? 2 : 3); ++d)
       cols[size_t(j - 1)].push_back({(j - 1 + d) % n + 1, 1.0 + 0.01 * j + 0.1 * d});
-  return luc::From_Columns(n, cols, true);
-}
-
-// A random square matrix with 2 to 4 elements per column and one entry on
-// the diagonal, so that the triangular phases leave a sizeable bump.
-luc::Problem Random(int n, uint64_t seed) {
-  std::mt19937_64 gen(seed);
-  std::uniform_real_distribution<double> uni(0.0, 1.0);
-  luc::Cols cols(static_cast<size_t>(n));
-  for (int j = 1; j <= n; ++j) {
-    std::set<int> rows{j};
-    const int len = 2 + int(uni(gen) * 3.0);
-    while (int(rows.size()) < len) rows.insert(1 + int(uni(gen) * n) % n);
-    for (int r : rows)
-      cols[size_t(j - 1)].push_back({r, (uni(gen) < 0.5 ? -1 : 1) * (0.01 + uni(gen))});
-  }
   return luc::From_Columns(n, cols, true);
 }
 
@@ -238,47 +223,57 @@ TEST_F(ElimSelect, IncreaseMarkHighSetsThresholdsInSinglePrecisionAndLengthLimOn
 TEST_F(ElimSelect, SwitchTakesTwoConsecutiveExpensiveIntervals) {
   Start(Six());
   env->Trace_Inv = 1;
-  s.Stat_Step = 100;
-  s.Stat_Last_Indx = 1;
-  // One interval of n = 100 pivots: dM must exceed 1000 n, dE 16 dM.
-  auto interval = [&](double dM, int64_t dE) {
-    s.Piv_Indx += 100;
+  s.Piv_Indx = s.Stat_Last_Indx = 1;
+  // An interval of n = 100 pivots: dM must exceed 1000 n, dE 16 dM, strictly.
+  auto interval = [&](int32_t n, double dM, int64_t dE) {
+    s.Piv_Indx += n;
     s.St.Sum_MarkBest += dM;
     s.St.Elem_Cols += dE;
     vlu::Stat_Switch_Check(s);
+    return s.Pre_Switch;
   };
-  s.Piv_Indx = 1;
-  s.St.Sum_MarkBest = 0;
-  interval(100001.0, 1600017);  // both strict tests pass
-  EXPECT_TRUE(s.Pre_Switch);
+  EXPECT_TRUE(interval(100, 100001.0, 1600017));
+  EXPECT_FALSE(interval(100, 100000.0, 16000000));  // dM = 1000 n
+  EXPECT_FALSE(interval(100, 100001.0, 1600016));   // dE = 16 dM
+  EXPECT_TRUE(interval(100, 200000.0, 4000000));
   EXPECT_EQ(s.Switch_Indx, 2147483647);
-  interval(100000.0, 16000000);  // dM = 1000 n exactly: fails
-  EXPECT_FALSE(s.Pre_Switch);
-  interval(100001.0, 1600016);  // dE = 16 dM exactly: fails
-  EXPECT_FALSE(s.Pre_Switch);
-  interval(200000.0, 4000000);
-  EXPECT_TRUE(s.Pre_Switch);
-  EXPECT_EQ(s.Switch_Indx, 2147483647);
-  // Fewer pivots than the step: no check, the bases stay.
-  s.Piv_Indx += 99;
-  s.St.Sum_MarkBest += 1e9;
-  vlu::Stat_Switch_Check(s);
+  interval(99, 1e9, 0);  // fewer pivots than the step: no check, the bases stay
   EXPECT_EQ(s.Stat_Last_Indx, 401);
-  s.Piv_Indx += 1;
-  s.St.Elem_Rows += int64_t(1e11);
-  vlu::Stat_Switch_Check(s);
+  interval(1, 0.0, int64_t(1e11));  // the second expensive interval in a row
   EXPECT_EQ(s.Switch_Indx, 501);
-  EXPECT_EQ(s.Stat_Last_Indx, 501);
   EXPECT_EQ(s.Stat_Last_Mark, s.St.Sum_MarkBest);
-  EXPECT_EQ(s.Stat_Last_Elem, s.St.Elem_Cols + s.St.Elem_Rows);
   vlu::Msg_Flush(env);
   EXPECT_TRUE(msgs.Has("Turning pre_switch on. Indx=101")) << msgs.All();
   EXPECT_TRUE(msgs.Has("Turning switch on. Indx=501"));
-  // In semi-dense mode the test does not run.
-  s.Semi_Dense = true;
-  s.Piv_Indx += 1000;
-  vlu::Stat_Switch_Check(s);
+  s.Semi_Dense = true;  // in semi-dense mode the test does not run
+  interval(1000, 1e12, int64_t(1e14));
   EXPECT_EQ(s.Stat_Last_Indx, 501);
+}
+
+// Factor_Bump's choice of mode: the dense start takes eight rows or more,
+// the switch by count a rest of 101 rows or more.
+TEST_F(ElimSelect, FactorBumpChoosesItsModeByTheRowsLeft) {
+  for (int n : {7, 8}) {  // full: density 1
+    ASSERT_NO_FATAL_FAILURE(Start(bmp::Full(n, uint64_t(n)), false));
+    vlu::Factor_Bump(env);
+    EXPECT_EQ(env->Exception, 0) << msgs.All();
+    EXPECT_EQ(luf->D_Size, n == 8 ? 8 : 0) << n;
+  }
+  // Seven elements in every row and column: the first search raises
+  // MarkHigh to 36, and 3 * 36 exceeds the rows left after the first pivot.
+  for (int n : {101, 102}) {
+    luc::Cols cols(static_cast<size_t>(n));
+    for (int j = 1; j <= n; ++j)
+      for (int d = 0; d < 7; ++d) cols[size_t(j - 1)].push_back({(j - 1 + d) % n + 1, d == 0 ? 4.0 : 0.5});
+    ASSERT_NO_FATAL_FAILURE(Start(luc::From_Columns(n, cols, true), false));
+    env->Trace_Inv = 1;
+    vlu::Factor_Bump(env);
+    vlu::Msg_Flush(env);
+    EXPECT_EQ(env->Exception, 0) << msgs.All();
+    const std::string text = "Max Markowich count=36*3.00 exceeds Rowlft=" + std::to_string(n - 1);
+    EXPECT_EQ(msgs.Has(text), n == 102) << msgs.All();
+    EXPECT_EQ(msgs.Has("Switching to semi-dense mode. Indx=2 "), n == 102) << n;
+  }
 }
 
 TEST_F(ElimSelect, TestMcountKeepsTheFirstOfExactTiesAndAcceptsWithinMfac) {
@@ -465,7 +460,7 @@ TEST_F(ElimSelect, SelectPivotTakesTheLongestRowOfAnExhaustedColumnWhenNothingBe
 TEST_F(ElimSelect, SelectPivotFindsTheSmallestCountOnRandomBumps) {
   int tested = 0;
   for (uint64_t seed = 1; seed <= 40; ++seed) {
-    Start(Random(40, seed));
+    Start(bmp::Random_Bump(40, 1, 3, seed));
     if (s.Rowlft < 5) continue;
     s.In_Select_Pivot = true;
     // Smallest count over the elements that pass their column's threshold.
@@ -531,7 +526,7 @@ TEST_F(ElimSelect, SwitchEmptiesTheMarkowitzListsIntoTheCountLists) {
   EXPECT_TRUE(msgs.Has("Switching to semi-dense mode. Indx=1 Rows left=6")) << msgs.All();
 }
 
-TEST_F(ElimSelect, SelectPivotDTakesTheFirstCandidateAndKeepsItInTheCache) {
+TEST_F(ElimSelect, SelectPivotDUsesItsCacheAndWalksColumnsThenRows) {
   Start(Six());
   vlu::Switch_to_Semi_Dense(s, s.Piv_Indx);
   vlu::Select_Pivot_D(s);
@@ -571,6 +566,36 @@ TEST_F(ElimSelect, SelectPivotDTakesTheFirstCandidateAndKeepsItInTheCache) {
   EXPECT_EQ(s.Piv_Col, 6);
   EXPECT_EQ(s.St.Scan_Cols, scans + 1);  // the cache's rescan only
   EXPECT_EQ(env->Exception, 0);
+
+  // The walk by count on a fresh bump.
+  Start(Six());
+  vlu::Switch_to_Semi_Dense(s, s.Piv_Indx);
+  // Columns 2 and 6 hold only elements below Rtpiva: the walk passes them
+  // without a word.  Column 3 (rows 3 and 4, of length 3) is next in
+  // C-list 2, with count 2.
+  const std::vector<int32_t> r2 = Rows(2);
+  A(r2[0], 2) = A(r2[1], 2) = 1e-12;
+  A(5, 6) = A(6, 6) = 1e-12;
+  Fresh_Clmx();
+  vlu::Select_Pivot_D(s);
+  ASSERT_EQ(env->Exception, 0) << msgs.All();
+  EXPECT_EQ(s.Piv_Col, 3);
+  EXPECT_EQ(s.MarkBest, 2);
+  // With column 3 tiny too, no column of length 2 has a pivot; the rows of
+  // length 2 follow, row 6 at the head of R-list 2: of its columns 5 and 6
+  // only column 5 passes, count (3-1)(2-1).
+  vlu::Store_col_in_c_list(s, 3, 2);
+  A(3, 3) = A(4, 3) = 1e-12;
+  Fresh_Clmx();
+  s.Cand_Count = 0;
+  ASSERT_EQ(iin->Stcr.V[2], 6);
+  vlu::Select_Pivot_D(s);
+  ASSERT_EQ(env->Exception, 0) << msgs.All();
+  EXPECT_EQ(s.Piv_Col, 5);
+  EXPECT_EQ(s.Piv_Row, 6);
+  EXPECT_EQ(s.MarkBest, 2);
+  EXPECT_EQ(s.Cand_Col[1], 5);
+  EXPECT_TRUE(Consistent(5));
 }
 
 TEST_F(ElimSelect, SelectPivotDCacheDropsPivotedColumnsAndEvictsTheDearest) {
@@ -582,7 +607,7 @@ TEST_F(ElimSelect, SelectPivotDCacheDropsPivotedColumnsAndEvictsTheDearest) {
   auto run = [&](bool withPivoted) {
     Start(Ring(n));
     ASSERT_EQ(s.NumVTria, 0);
-      vlu::Switch_to_Semi_Dense(s, s.Piv_Indx);
+    vlu::Switch_to_Semi_Dense(s, s.Piv_Indx);
     std::vector<int32_t> cols;
     for (int32_t k = s.Piv_Indx + 1; k <= n; ++k) {
       const int32_t j = vim->Cnto.V[k];
@@ -615,40 +640,8 @@ TEST_F(ElimSelect, SelectPivotDCacheDropsPivotedColumnsAndEvictsTheDearest) {
     EXPECT_EQ(left, cols);
     EXPECT_TRUE(Consistent(n));
   };
-  Start(Six());
   run(true);
   run(false);
-}
-
-TEST_F(ElimSelect, SelectPivotDScansRowsForTheirShortestColumn) {
-  Start(Six());
-  vlu::Switch_to_Semi_Dense(s, s.Piv_Indx);
-  // Columns 2 and 6 hold only elements below Rtpiva: the walk passes them
-  // without a word.  Column 3 (rows 3 and 4, of length 3) is next in
-  // C-list 2, with count 2.
-  const std::vector<int32_t> r2 = Rows(2);
-  A(r2[0], 2) = A(r2[1], 2) = 1e-12;
-  A(5, 6) = A(6, 6) = 1e-12;
-  Fresh_Clmx();
-  vlu::Select_Pivot_D(s);
-  ASSERT_EQ(env->Exception, 0) << msgs.All();
-  EXPECT_EQ(s.Piv_Col, 3);
-  EXPECT_EQ(s.MarkBest, 2);
-  // With column 3 tiny too, no column of length 2 has a pivot; the rows of
-  // length 2 follow, row 6 at the head of R-list 2: of its columns 5 and 6
-  // only column 5 passes, count (3-1)(2-1).
-  vlu::Store_col_in_c_list(s, 3, 2);
-  A(3, 3) = A(4, 3) = 1e-12;
-  Fresh_Clmx();
-  s.Cand_Count = 0;
-  ASSERT_EQ(iin->Stcr.V[2], 6);
-  vlu::Select_Pivot_D(s);
-  ASSERT_EQ(env->Exception, 0) << msgs.All();
-  EXPECT_EQ(s.Piv_Col, 5);
-  EXPECT_EQ(s.Piv_Row, 6);
-  EXPECT_EQ(s.MarkBest, 2);
-  EXPECT_EQ(s.Cand_Col[1], 5);
-  EXPECT_TRUE(Consistent(5));
 }
 
 TEST_F(ElimSelect, SelectPivotDRowPassPrefersTheLargerOfEquallyShortColumns) {

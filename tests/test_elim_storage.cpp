@@ -1,6 +1,5 @@
-// Storage of the active matrix on bumps that ExtractBasis loaded: stores and
-// removals with tails, the placement rules of the compactions, long rows and
-// columns, the roads by which Make_Row_Space and Make_Col_Space find room,
+// Storage of the active matrix on bumps that ExtractBasis loaded: the
+// placement rules of the compactions, long rows and columns, the roads by which Make_Row_Space and Make_Col_Space find room,
 // failed growth, the shapes of the work block, LU_Space's decisions, and the
 // compression of tails (duplicates added, small sums dropped, the fill
 // count).  After every operation the active matrix must hold the same
@@ -135,69 +134,6 @@ struct Storage : bmp::BumpTest {
     Relist(i, j);
   }
 };
-
-TEST_F(Storage, StoresAndRemovalsKeepCompressedPartsAndTailsPacked) {
-  ASSERT_NO_FATAL_FAILURE(Begin());
-  const Elems before = Elements();
-  const int32_t r = Row_With(3), c1 = Free_Col(r), c2 = Free_Col(r, {c1}), c3 = Free_Col(r, {c1, c2});
-  ASSERT_TRUE(r && c1 && c2 && c3);
-  // The reservation contract: the slots behind the row are cleared and
-  // counted, the caller gives them back.
-  const int32_t len = luf->Rlen.V[r], tail = luf->Rstr.V[r] + len;
-  luf->Ic.V[tail] = 77;
-  vlu::Make_Row_Space(s, r, 3);
-  EXPECT_EQ(luf->Rlen.V[r], len + 3);
-  EXPECT_EQ(luf->Ic.V[tail], 0);
-  luf->Rlen.V[r] = len;
-  // Two in the tails; a counted one behind them moves the first tail
-  // element to the end of the tail.
-  ASSERT_NO_FATAL_FAILURE(Store(r, c1, 1.5, false));
-  ASSERT_NO_FATAL_FAILURE(Store(r, c2, -2.5, false));
-  EXPECT_EQ(iin->Mrex.V[r], 2);
-  EXPECT_EQ(iin->Mcex.V[c1], 1);
-  EXPECT_FALSE(vlu::IsTrue(iin->Clok.V[c1]));
-  ASSERT_NO_FATAL_FAILURE(Store(r, c3, 3.5, true));
-  EXPECT_EQ(luf->Ic.V[tail], c3);
-  EXPECT_EQ(luf->Ic.V[tail + 2], c1);
-  // The same on the column side: column c1 has a tail.
-  const int32_t r2 = Free_Row(c1, {r});
-  ASSERT_NE(r2, 0);
-  const int32_t q1 = luf->Cstr.V[c1] + luf->Clen.V[c1];
-  ASSERT_NO_FATAL_FAILURE(Store(r2, c1, 4.5, true));
-  EXPECT_EQ(luf->Ir.V[q1], r2);
-  EXPECT_EQ(luf->Ir.V[q1 + 1], r);
-  EXPECT_EQ(iin->RowFill, 4);
-  Elems now = Plus(before, {Elem(r, c1, 1.5, false), Elem(r, c2, -2.5, false), Elem(r, c3, 3.5, true),
-                            Elem(r2, c1, 4.5, true)});
-  EXPECT_EQ(Elements(), now);
-  ASSERT_TRUE(Sound());
-  // Find_Element reaches tails from either side.
-  EXPECT_EQ(luf->Ir.V[vlu::Find_Element(s, r, c2)], r);
-  EXPECT_EQ(luf->Ir.V[vlu::Find_Element(s, r, c1)], r);
-
-  // The first compressed element of r leaves: the last compressed one moves
-  // into its place and the last tail element into the slot so freed.
-  const int32_t p = luf->Rstr.V[r], j = luf->Ic.V[p], lastCompr = luf->Ic.V[p + len];
-  ASSERT_NO_FATAL_FAILURE(Drop(r, j));
-  EXPECT_EQ(luf->Ic.V[p], lastCompr);
-  EXPECT_EQ(luf->Ic.V[p + len], c1);
-  EXPECT_EQ(luf->Ic.V[p + len + 2], 0);
-  // A column with a tail loses a counted element.
-  const int32_t q0 = luf->Cstr.V[c1];
-  ASSERT_NO_FATAL_FAILURE(Drop(r2, c1));
-  EXPECT_EQ(luf->Ir.V[q0 + luf->Clen.V[c1] + 1], 0);
-  EXPECT_EQ(Elements(), Minus(Minus(now, r, j), r2, c1));
-  ASSERT_TRUE(Sound());
-
-  // Semi-dense mode reads no row tail: a stale Mrex changes no room.
-  const int32_t r3 = Free_Row(c3, {r, r2});
-  ASSERT_NE(r3, 0);
-  const int32_t extra = vlu::Row_Extra(s, r3);
-  s.Semi_Dense = true;
-  iin->Mrex.V[r3] = 3;
-  EXPECT_EQ(vlu::Row_Extra(s, r3), extra);
-  EXPECT_FALSE(vlu::Long_row(s, r3));
-}
 
 TEST_F(Storage, CompactionsPackEachRowAndColumnWithItsReserve) {
   ASSERT_NO_FATAL_FAILURE(Begin());
@@ -413,7 +349,7 @@ TEST_F(Storage, FailedGrowthRaisesTheStopFlagAndReservesNothing) {
 }
 
 // ---------------------------------------------------------------------------
-// The dense work block, its lists, and the space of a pivot.
+// The dense work block and the space of a pivot.
 
 TEST_F(Storage, ShapesOfTheWorkBlock) {
   ASSERT_NO_FATAL_FAILURE(Begin());
@@ -451,35 +387,6 @@ TEST_F(Storage, ShapesOfTheWorkBlock) {
   }
   EXPECT_GE(iin->Max_Mmat, 48);
   EXPECT_EQ(env->Exception, 0) << msgs.All();
-}
-
-TEST_F(Storage, BlockListsGrowWithTheirThreadSections) {
-  Load(bmp::Random_Bump(60, 2, 5, 7));
-  env->Threads = 3;  // Rlin gets one section per thread
-  int32_t elemnt = 0;
-  ASSERT_TRUE(vlu::LU_Setup_Pass(env, &elemnt));
-  s.vmi = env;
-  s.vim = env->Vim;
-  s.luf = env->Luf;
-  s.iin = iin = env->Iin;
-  s.NumRow = 60;
-  const int32_t old = iin->BlockSize;
-  ASSERT_EQ(iin->Rlin.NumThread, 3);
-  for (int32_t k = 1; k <= old; ++k) iin->Lisr.V[k] = k;
-  iin->Max_Mmat = old + 1;
-  vlu::Increase_Mmat_Lists(s);
-  const int32_t want = std::min(2 * old, 60);
-  EXPECT_EQ(iin->BlockSize, want);
-  for (int32_t v : {vlu::Size(iin->Lisr), vlu::Size(iin->Rlol), vlu::Size(iin->Lngr), vlu::Size(iin->Lisc),
-                    vlu::Size(iin->Clol), vlu::Size(iin->Lngc), iin->Rlin.Length, iin->Clin.Length})
-    EXPECT_EQ(v, want);
-  EXPECT_EQ(iin->Rlin.NumThread, 3);
-  for (int32_t p = want + 1; p <= iin->Rlin.Extent; ++p) ASSERT_EQ(iin->Rlin.Val[p], 0) << p;
-  for (int32_t k = 1; k <= old; ++k) ASSERT_EQ(iin->Lisr.V[k], k);
-  iin->Max_Mmat = 1000;  // never beyond NumRow
-  vlu::Increase_Mmat_Lists(s);
-  EXPECT_EQ(iin->BlockSize, 60);
-  EXPECT_FALSE(vlu::Stopped(s));
 }
 
 TEST_F(Storage, SpaceForASparsePivotCompactsAndGrowsTheStores) {
@@ -541,24 +448,6 @@ TEST_F(Storage, SpaceForASparsePivotCompactsAndGrowsTheStores) {
   ASSERT_FALSE(vlu::Stopped(s)) << msgs.All();
   EXPECT_GT(luf->ColASpace, tight);
   EXPECT_TRUE(Sound());
-}
-
-TEST_F(Storage, SpaceForTheDenseRest) {
-  ASSERT_NO_FATAL_FAILURE(Begin());
-  s.Dense = true;
-  s.Semi_Dense = true;  // the switch has been made
-  s.Len_Piv_Row = s.Len_Piv_Col = 4;
-  luf->RowFileUsed = luf->U_elefirst - 5;  // the U triangle does not fit below U
-  const int32_t n = s.Rowlft;
-  vlu::LU_Space(s);
-  ASSERT_FALSE(vlu::Stopped(s)) << msgs.All();
-  EXPECT_TRUE(s.Dense_Now);
-  EXPECT_EQ(s.MarkHigh, n * n);
-  EXPECT_GT(luf->U_elefirst - n * (n + 1) / 2, luf->RowFileUsed);
-  EXPECT_GE(vlu::Size(luf->Lmat), luf->LFileUsed + vlu::Elements_Left(s) + n * n);
-  const int32_t ld = (n + 7) / 8 * 8;
-  EXPECT_GE(vlu::Size(iin->Mmat), ld * n);
-  EXPECT_GE(iin->Max_Mmat, ld);
 }
 
 // ---------------------------------------------------------------------------
