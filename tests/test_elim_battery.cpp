@@ -45,8 +45,10 @@ struct Battery : bmp::BumpTest {
     vlu::Inversion_Tests(s);
     vlu::Reuse_Int(env, vim->HelpI, "VIM%HelpI", iin->Indr, "IIN%Indr");
     vlu::Msg_Flush(env);
-    for (int32_t i = 1; i <= s.NumRow && checkScratch; ++i) EXPECT_EQ(iin->Indr.V[i], 0) << "HelpI(" << i << ") left";
-    for (int32_t i = 1; i <= s.NumRow; ++i) EXPECT_EQ(vim->Work1.Val[i], 0.0) << "Work1(" << i << ") left";
+    for (int32_t i = 1; i <= s.NumRow && checkScratch; ++i)
+      EXPECT_EQ(iin->Indr.V[i], 0) << "HelpI(" << i << ") left";
+    for (int32_t i = 1; i <= s.NumRow; ++i)
+      EXPECT_EQ(vim->Work1.Val[i], 0.0) << "Work1(" << i << ") left";
     return env->Exception;
   }
   bool Said(const std::string &text) const { return msgs.Has(text); }
@@ -99,6 +101,13 @@ TEST_F(Battery, EachKindOfDamageIsFoundByItsTest) {
          return (b.luf->Clen.V[j] = b.luf->Cstr.V[b.iin->Cpnx.V[j]]), true;
        },
        "Test_Extra", "is negative."},
+      {"column off its cache line", 1,
+       [](Battery &b) {
+         for (int32_t j = b.iin->CPfrst; j != 0; j = b.iin->Cpnx.V[j])
+           if (vlu::Col_Extra(b.s, j) >= 1) return (b.luf->Cstr.V[j] += 1), true;
+         return false;
+       },
+       "Test_Row_Col_Structure", "Cstr not on a cache line."},
       {"cross pointer C2rp", 1,
        [](Battery &b) {
          const int32_t j = b.Col_With(2), q = j != 0 ? b.luf->Cstr.V[j] : 0;
@@ -111,7 +120,8 @@ TEST_F(Battery, EachKindOfDamageIsFoundByItsTest) {
          return j != 0 && (b.iin->R2cp.V[b.iin->C2rp.V[q]] = q + 1);
        },
        "Test_Row_Col_Structure", "Cross pointers are inconsistent"},
-      {"shorter Clen", 1, [](Battery &b) {
+      {"shorter Clen", 1,
+       [](Battery &b) {
          const int32_t j = b.Col_With(3);
          return j != 0 && (b.luf->Clen.V[j] -= 1);
        },
@@ -119,7 +129,8 @@ TEST_F(Battery, EachKindOfDamageIsFoundByItsTest) {
       {"U row of another length", 1,
        [](Battery &b) { return (b.luf->Rlen.V[b.vim->Rnto.V[b.s.Piv_Indx - 1]] += 1), true; },
        "Test_Order_in_Structure", "Test_Order_in_Structure(B)"},
-      {"negative tail", 0, [](Battery &b) { return (b.iin->Mrex.V[b.vim->Rnto.V[b.s.NumRow]] = -1), true; },
+      {"negative tail", 0,
+       [](Battery &b) { return (b.iin->Mrex.V[b.vim->Rnto.V[b.s.NumRow]] = -1), true; },
        "Test_Length_Counts", "Test_Length_Counts: Error in row count in row"},
       {"row chain skips a row", 1,
        [](Battery &b) {
@@ -131,7 +142,8 @@ TEST_F(Battery, EachKindOfDamageIsFoundByItsTest) {
        [](Battery &b) {
          for (int32_t c = 2; c < std::min(b.s.Len_Crit, b.s.Length_Lim); ++c)
            for (int32_t j = b.iin->Stcc.V[c]; j != 0; j = b.iin->Nxtc.V[j])
-             if (vlu::Col_Extra(b.s, j) >= 1) return (b.iin->Mcex.V[j] = 1), true;  // the slot behind is empty
+             if (vlu::Col_Extra(b.s, j) >= 1)
+               return (b.iin->Mcex.V[j] = 1), true;  // the slot behind is empty
          return false;
        },
        "Test_Mrex_Mcex", "in C-list"},
@@ -142,7 +154,8 @@ TEST_F(Battery, EachKindOfDamageIsFoundByItsTest) {
          return j != 0 && (b.iin->Mcex.V[j] = 1);
        },
        "Test_Extra", "Test_Extra with Semi_Dense: IIN%Mcex("},
-      {"column maximum", 1, [](Battery &b) {
+      {"column maximum", 1,
+       [](Battery &b) {
          const int32_t j = b.Col_With(1, true);
          return j != 0 && (b.iin->Clmx.Val[j] *= 2.0) > 0.0;
        },
@@ -162,7 +175,9 @@ TEST_F(Battery, EachKindOfDamageIsFoundByItsTest) {
       {"scanned-row count", 1, [](Battery &b) { return (b.s.COUNT_MARK_ROW += 1), true; },
        "Test_Markowitz_Lists", "COUNT_MARK_ROW="},
       {"HelpI not clear", 1,
-       [](Battery &b) { return b.checkScratch = false, (b.iin->Indr.V[b.vim->Rnto.V[1]] = 7), true; },
+       [](Battery &b) {
+         return b.checkScratch = false, (b.iin->Indr.V[b.vim->Rnto.V[1]] = 7), true;
+       },
        "Test_Markowitz_Lists", "Error in HelpI before calling Test_Markowitz_Lists."},
       {"lower bound no multiple", 1,
        [](Battery &b) {
@@ -177,11 +192,14 @@ TEST_F(Battery, EachKindOfDamageIsFoundByItsTest) {
          return j != 0 && ((b.iin->Mlow.V[j] = b.iin->Mact.V[j] + b.luf->Clen.V[j] - 1), true);
        },
        "Test_Markowitz_Counts", "above Mact="},
-      {"column chain back link", 1, [](Battery &b) { return (b.iin->Cppr.V[b.iin->CPlast] = b.iin->CPfrst), true; },
+      {"column chain back link", 1,
+       [](Battery &b) { return (b.iin->Cppr.V[b.iin->CPlast] = b.iin->CPfrst), true; },
        "Test_Position", "Test_Position_CA"},
-      {"L multiplier", 1, [](Battery &b) { return (b.luf->Lmat.Val[b.luf->LFileUsed] *= 1.5), true; },
-       "Test_LUeqB", "Test_LUeqB: Column"},
-      {"U value", 1, [](Battery &b) { return (b.vim->AUrmat.Val[b.luf->U_elefirst] += 1e-6), true; },
+      {"L multiplier", 1,
+       [](Battery &b) { return (b.luf->Lmat.Val[b.luf->LFileUsed] *= 1.5), true; }, "Test_LUeqB",
+       "Test_LUeqB: Column"},
+      {"U value", 1,
+       [](Battery &b) { return (b.vim->AUrmat.Val[b.luf->U_elefirst] += 1e-6), true; },
        "Test_LUeqB", "Test_LUeqB: Column"},
       {"lost active element", 1,
        [](Battery &b) {
@@ -235,23 +253,26 @@ TEST_F(Battery, TestsRunInOrderAndReportAsTheOptionsSay) {
   env->Test_Trace = 1;
   EXPECT_EQ(Run(), 0);
   char line[128];
-  std::snprintf(line, sizeof line, "Starting Inversion_Tests: Piv_Indx=%d Semi_dense=F DO_Squeeze=T", s.Piv_Indx);
+  std::snprintf(line, sizeof line,
+                "Starting Inversion_Tests: Piv_Indx=%d Semi_dense=F DO_Squeeze=T", s.Piv_Indx);
   int last = msgs.Find(line);
   EXPECT_GE(last, 0) << msgs.All();
-  for (const char *t : {"Test_Permutations: syserr=0", "Test_Extra - Mrex/Mcex and Row/Col_Extra: syserr=0",
-                        "Test_Row_Col_Structure - Structure: syserr=0",
-                        "Test_Order_in_Structure - Structure/Permutations: syserr=0",
-                        "Test_Length_Counts - Counts: syserr=0", "Test_Length_Lists - Start, Length and Next: syserr=0",
-                        "Test_Mrex_Mcex - Are Mrex and Mcex zero length short: syserr=0",
-                        "Test_Clmx - Column Max: syserr=0", "Test_Markowitz_Lists - Markowitz sort lists: syserr=0",
-                        "Test_Markowitz_Counts - Markowitz values: syserr=0", "Test_Position: syserr=0",
-                        "End of Test_LUeqB for Piv_Indx=", "Test_LUeqB: syserr=0"}) {
+  for (const char *t :
+       {"Test_Permutations: syserr=0", "Test_Extra - Mrex/Mcex and Row/Col_Extra: syserr=0",
+        "Test_Row_Col_Structure - Structure: syserr=0",
+        "Test_Order_in_Structure - Structure/Permutations: syserr=0",
+        "Test_Length_Counts - Counts: syserr=0",
+        "Test_Length_Lists - Start, Length and Next: syserr=0",
+        "Test_Mrex_Mcex - Are Mrex and Mcex zero length short: syserr=0",
+        "Test_Clmx - Column Max: syserr=0", "Test_Markowitz_Lists - Markowitz sort lists: syserr=0",
+        "Test_Markowitz_Counts - Markowitz values: syserr=0", "Test_Position: syserr=0",
+        "End of Test_LUeqB for Piv_Indx=", "Test_LUeqB: syserr=0"}) {
     const int at = msgs.Find(t);
     EXPECT_GT(at, last) << t << "\n" << msgs.All();
     last = std::max(last, at);
   }
-  std::snprintf(line, sizeof line, "After testing at Piv_Indx=%d Rows processed=%d Syserr=0", s.Piv_Indx,
-                s.Piv_Indx - 1 - s.NumVTria);
+  std::snprintf(line, sizeof line, "After testing at Piv_Indx=%d Rows processed=%d Syserr=0",
+                s.Piv_Indx, s.Piv_Indx - 1 - s.NumVTria);
   EXPECT_TRUE(Said(line)) << msgs.All();
   // In semi-dense mode Test_Mrex_Mcex does not run; stale Mrex is not read.
   msgs.lines.clear();
@@ -289,20 +310,6 @@ TEST_F(Battery, ScratchSingularitiesAndFailures) {
   s.Test_Next = s.Piv_Indx;
   EXPECT_EQ(Run(), 99);
   EXPECT_FALSE(Said("Starting Inversion_Tests"));
-}
-
-TEST_F(Battery, StructureTestAtANamedPlace) {
-  ASSERT_NO_FATAL_FAILURE(Start(bmp::Random_Bump(150, 3, 3, 2)));
-  vlu::Test_Row_Col_Structure(s, "Set-up");
-  EXPECT_EQ(env->Exception, 0) << msgs.All();
-  const int32_t j = Col_With(2);
-  luf->Cstr.V[j] += 1;
-  vlu::Test_Row_Col_Structure(s, "Set-up");
-  vlu::Msg_Flush(env);
-  char text[96];
-  std::snprintf(text, sizeof text, "Test_Row_Col_Structure(Set-up): Column %d Cstr not on a cache line.", j);
-  EXPECT_TRUE(Said(text)) << msgs.All();
-  EXPECT_EQ(env->Exception, 99);
 }
 
 }  // namespace

@@ -37,7 +37,8 @@ struct Block {
   double &at(int i, int j) { return v[size_t(i - 1) + size_t(j - 1) * size_t(ld)]; }
   double *a() { return v.data(); }
   bool Same(const Block &o) const {
-    return v.size() == o.v.size() && std::memcmp(v.data(), o.v.data(), v.size() * sizeof(double)) == 0;
+    return v.size() == o.v.size() &&
+           std::memcmp(v.data(), o.v.data(), v.size() * sizeof(double)) == 0;
   }
 };
 
@@ -66,7 +67,8 @@ TEST_F(Kernels, EveryWidthOfEveryKernelGivesThePlainBits) {
   for (int w : {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 63})
     for (int npused : {0, 3})
       for (int extra : {0, 1, 37}) {
-        SCOPED_TRACE(::testing::Message() << "w=" << w << " npused=" << npused << " extra=" << extra);
+        SCOPED_TRACE(::testing::Message()
+                     << "w=" << w << " npused=" << npused << " extra=" << extra);
         const int npiv = npused + w, n = npiv + extra, ld = n + 3;  // padding rows below
         const uint64_t seed = uint64_t(1000 * w + 100 * npused + extra);
         // Update_LCol on a column behind the pivots, and its first largest.
@@ -80,7 +82,8 @@ TEST_F(Kernels, EveryWidthOfEveryKernelGivesThePlainBits) {
           double big = 0.0;
           int at = npiv + 1;
           for (int i = npiv + 1; i <= n; ++i)
-            if (std::fabs(ref.at(i, npiv + jOff)) > big) big = std::fabs(ref.at(i, npiv + jOff)), at = i;
+            if (std::fabs(ref.at(i, npiv + jOff)) > big)
+              big = std::fabs(ref.at(i, npiv + jOff)), at = i;
           EXPECT_EQ(largest, big);
           EXPECT_EQ(best, at);
         }
@@ -92,7 +95,8 @@ TEST_F(Kernels, EveryWidthOfEveryKernelGivesThePlainBits) {
           vlu::Update_URow(b.a(), npiv + 7, npiv, npused, n + 2, umax);
           EXPECT_TRUE(b.Same(ref)) << "Update_URow";
           double big = 0.0;
-          for (int j = npiv + 2; j <= n + 2; ++j) big = std::max(big, std::fabs(ref.at(npiv + 1, j)));
+          for (int j = npiv + 2; j <= n + 2; ++j)
+            big = std::max(big, std::fabs(ref.at(npiv + 1, j)));
           EXPECT_EQ(umax, big);
         }
         // Final_Updt on the rectangle behind the pivots (64 and more refused).
@@ -134,7 +138,8 @@ TEST_F(Kernels, SearchesTakeTheFirstOfEqualsAndEmptyRangesGivePlaceOne) {
 TEST_F(Kernels, BatchesOverSeveralPanelsAndTheRefusalOfSixtyFourPending) {
   // 600 rows behind the pivots: panels of 256, 256 and the rest.
   for (int npused : {0, 5}) {
-    const int npiv = npused + vlu::Batch_Width, nrows = npiv + 600, ncols = npiv + 23, ld = nrows + 1;
+    const int npiv = npused + vlu::Batch_Width, nrows = npiv + 600, ncols = npiv + 23,
+              ld = nrows + 1;
     Block b(ncols, ld, uint64_t(31 + npused)), ref = b;
     Plain_Update(ref, npused, npiv, npiv + 1, nrows, npiv + 1, ncols);
     int32_t used = npused;
@@ -249,7 +254,8 @@ TEST_F(DenseBump, DependentColumnIsReplacedByTheSlackOfItsPivotRow) {
   // Its U row is the slack's: 1 and nothing else; its L column is not stored.
   EXPECT_EQ(luf->Rlen.V[row], n - k + 1);
   EXPECT_EQ(vim->AUrmat.Val[luf->Rstr.V[row]], 1.0);
-  for (int32_t e = 1; e < luf->Rlen.V[row]; ++e) EXPECT_EQ(vim->AUrmat.Val[luf->Rstr.V[row] + e], 0.0);
+  for (int32_t e = 1; e < luf->Rlen.V[row]; ++e)
+    EXPECT_EQ(vim->AUrmat.Val[luf->Rstr.V[row] + e], 0.0);
   EXPECT_EQ(u0 - luf->U_elefirst, n * (n + 1) / 2);
   EXPECT_EQ(luf->LFileUsed - l0, n * (n - 1) / 2 - (n - k));
   EXPECT_EQ(luf->L_Cols, n - 2);

@@ -1,10 +1,10 @@
 // Block pivot steps of the elimination.
 //
 // Update_Amat's choice of scan by its cost model, on files written by hand
-// (which scan ran, what it merged, what it left as fill), and the pivot steps
-// of General_Pivot and the singletons driven one by one with the pivot
-// forced: what they write to U and L, when a block takes further pivots,
-// what squeeze drops, how a small pivot ends a block.  After every step the
+// (which scan ran, what it merged, what it left as fill); General_Pivot
+// driven with the pivot forced: what it writes to U and L, when a block takes
+// further pivots, what squeeze drops, how a small pivot ends a block; and
+// Factor_Bump's replacement of a column by a slack.  After every step the
 // battery checks the structures and L times U against the basis.
 #include <gtest/gtest.h>
 
@@ -57,8 +57,8 @@ struct UpdateAmat : bmp::BumpTest {
       cols[size_t(c)].push_back({r, v});
       orig[{r, c}] = v;
     };
-    for (const Place &e : {Place{1, 1}, Place{1, 2}, Place{2, 1}, Place{2, 2}, Place{2, 4}, Place{3, 3},
-                           Place{4, 2}, Place{4, 3}, Place{4, 4}})
+    for (const Place &e : {Place{1, 1}, Place{1, 2}, Place{2, 1}, Place{2, 2}, Place{2, 4},
+                           Place{3, 3}, Place{4, 2}, Place{4, 3}, Place{4, 4}})
       add(e.first, e.second, e.first + 0.01 * e.second);
     for (int32_t c = 2; c <= 4; ++c)
       for (int32_t k = 0; k < extraCol[size_t(c)]; ++k) add(5 + k, c, 0.5 + k);
@@ -75,7 +75,8 @@ struct UpdateAmat : bmp::BumpTest {
       q = (q - 1 + 7) / 8 * 8 + 1;
     }
     std::vector<int32_t> next(N + 1, 0);
-    for (int32_t i = 1, p = 1; i <= N; p += rl[size_t(i)], ++i) luf->Rstr.V[i] = next[size_t(i)] = p;
+    for (int32_t i = 1, p = 1; i <= N; p += rl[size_t(i)], ++i)
+      luf->Rstr.V[i] = next[size_t(i)] = p;
     for (int32_t i = 1; i <= N; ++i) luf->Rlen.V[i] = rl[size_t(i)];
     for (int32_t j = 1; j <= N; ++j)
       for (int32_t k = luf->Cstr.V[j]; k < luf->Cstr.V[j] + luf->Clen.V[j]; ++k) {
@@ -110,20 +111,27 @@ TEST_F(UpdateAmat, TheCheapestScanMergesWhatItMeetsAndLeavesTheRestAsFill) {
     std::set<Place> merged;
     int64_t scanned, byCol, byRow;
   };
+  // clang-format off
   const Case cases[] = {
-      {"all short: by columns (the pivot column not scanned)", {0, 0, 0, 0, 0}, {}, {}, 2,
-       {1, 0, 0}, all, 7, 6, 0},
+      {"all short: by columns (the pivot column not scanned)",
+       {0, 0, 0, 0, 0}, {}, {}, 2, {1, 0, 0}, all, 7, 6, 0},
       // Columns of 23, 22, 22 against rows of 3, 1, 3: both 7, rows 7,
       // columns 67/8.  Rows win the tie with both.
-      {"long columns, short rows: by rows", {0, 0, 20, 20, 20}, {}, {2, 3, 4}, 2, {0, 1, 0}, all, 7, 0, 6},
+      {"long columns, short rows: by rows",
+       {0, 0, 20, 20, 20}, {}, {2, 3, 4}, 2, {0, 1, 0}, all, 7, 0, 6},
       // Row 4 and place 4 long, place 4 of 33: both 4 + 5/8, rows 7,
       // columns 38/8.  The corner (4, 4) is met by neither scan.
-      {"long row at a long column: both", {0, 0, 0, 0, 31}, {4}, {4}, 2, {0, 0, 1}, noCorner, -1, 4, 1},
+      {"long row at a long column: both",
+       {0, 0, 0, 0, 31}, {4}, {4}, 2, {0, 0, 1}, noCorner, -1, 4, 1},
       // One element less in place 4 makes the column scan as cheap: it wins.
-      {"equal costs: by columns", {0, 0, 0, 0, 30}, {4}, {4}, 2, {1, 0, 0}, all, -1, 6, 0},
-      {"nothing short: no scan", {0, 0, 0, 0, 0}, {2, 3, 4}, {2, 3, 4}, 2, {0, 0, 0}, {}, 0, 0, 0},
-      {"nothing behind the pivots: no scan", {0, 0, 0, 0, 0}, {}, {}, 5, {0, 0, 0}, {}, 0, 0, 0},
+      {"equal costs: by columns",
+       {0, 0, 0, 0, 30}, {4}, {4}, 2, {1, 0, 0}, all, -1, 6, 0},
+      {"nothing short: no scan",
+       {0, 0, 0, 0, 0}, {2, 3, 4}, {2, 3, 4}, 2, {0, 0, 0}, {}, 0, 0, 0},
+      {"nothing behind the pivots: no scan",
+       {0, 0, 0, 0, 0}, {}, {}, 5, {0, 0, 0}, {}, 0, 0, 0},
   };
+  // clang-format on
   for (const Case &k : cases) {
     SCOPED_TRACE(k.what);
     ASSERT_NO_FATAL_FAILURE(Build(k.extraCol, k.longRows, k.longPlaces));
@@ -139,9 +147,11 @@ TEST_F(UpdateAmat, TheCheapestScanMergesWhatItMeetsAndLeavesTheRestAsFill) {
     // Exactly the merged places were added and marked; nothing else changed.
     for (int32_t r = 1; r <= 4; ++r)
       for (int32_t c = 1; c <= 4; ++c)
-        EXPECT_EQ(At(r, c), k.merged.count({r, c}) ? vlu::Merged_Mark : Delta(r, c)) << r << "," << c;
+        EXPECT_EQ(At(r, c), k.merged.count({r, c}) ? vlu::Merged_Mark : Delta(r, c))
+            << r << "," << c;
     for (const auto &e : orig) {
-      const double want = e.second + (k.merged.count(e.first) ? Delta(e.first.first, e.first.second) : 0.0);
+      const double want =
+          e.second + (k.merged.count(e.first) ? Delta(e.first.first, e.first.second) : 0.0);
       EXPECT_EQ(A(e.first.first, e.first.second), want) << e.first.first << "," << e.first.second;
     }
     // Rlin and Clin count what is left as fill (untouched without a block).
@@ -160,48 +170,10 @@ TEST_F(UpdateAmat, TheCheapestScanMergesWhatItMeetsAndLeavesTheRestAsFill) {
 struct PivotSteps : bmp::BumpTest {
   ::testing::AssertionResult Sound() {
     if (Battery() == 0) return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << "after position " << s.Piv_Indx - 1 << "\n" << msgs.All();
+    return ::testing::AssertionFailure() << "after position " << s.Piv_Indx - 1 << "\n"
+                                         << msgs.All();
   }
 };
-
-TEST_F(PivotSteps, SingletonStepsWriteUAndL) {
-  // Places 1 and 2 both hold rows 1 and 2 only: the pivot (1, 1) leaves
-  // place 2 with row 2 alone, a column singleton.
-  const luc::Cols cols = {{{1, 4.0}, {2, 1.0}},
-                          {{1, 1.0}, {2, 3.0}},
-                          {{2, 1.0}, {3, 2.0}, {4, 1.0}},
-                          {{1, 1.0}, {3, 1.0}, {4, 3.0}}};
-  ASSERT_NO_FATAL_FAILURE(Start(luc::From_Columns(4, cols, true)));
-  ASSERT_EQ(s.NumVTria, 0);
-  ASSERT_NO_FATAL_FAILURE(Step(1, 1));
-  ASSERT_TRUE(Sound());
-  ASSERT_EQ(iin->Stcc.V[1], 2);
-  const int32_t lCols = luf->L_Cols, lUsed = luf->LFileUsed;
-  ASSERT_NO_FATAL_FAILURE(Step(2, 2));
-  EXPECT_EQ(s.St.CC1, 1);
-  EXPECT_EQ(luf->L_Cols, lCols);  // a column singleton writes no L
-  EXPECT_EQ(luf->LFileUsed, lUsed);
-  EXPECT_EQ(luf->Rlen.V[2], 3);
-  EXPECT_EQ(luf->Ic.V[luf->Rstr.V[2]], 2);  // pivot first in U
-  EXPECT_TRUE(Sound());
-
-  // The transpose: after the pivot (1, 1) row 2 keeps place 2 alone, a row
-  // singleton whose column still holds rows 3 and 4: an L column of two.
-  luc::Cols tcols(4);
-  for (int32_t j = 1; j <= 4; ++j)
-    for (const auto &e : cols[size_t(j - 1)]) tcols[size_t(e.first - 1)].push_back({j, e.second});
-  ASSERT_NO_FATAL_FAILURE(Start(luc::From_Columns(4, tcols, true)));
-  ASSERT_NO_FATAL_FAILURE(Step(1, 1));
-  ASSERT_EQ(luf->Rlen.V[2], 1);
-  ASSERT_EQ(luf->Clen.V[2], 3);
-  const int32_t lCols2 = luf->L_Cols;
-  ASSERT_NO_FATAL_FAILURE(Step(2, 2));
-  EXPECT_EQ(s.St.RC1, 1);
-  EXPECT_EQ(luf->L_Cols, lCols2 + 1);
-  EXPECT_EQ(luf->Lsor.V[luf->L_Cols + 1] - luf->Lsor.V[luf->L_Cols], 2);
-  EXPECT_EQ(luf->Rlen.V[2], 1);
-  EXPECT_TRUE(Sound());
-}
 
 TEST_F(PivotSteps, AThreeByThreeBlockTakesOnlyItsPivotAndDropsTinyMultipliers) {
   // Row 2 and place 2: 3 by 3, count 4: no further pivot is tried.  The
@@ -223,7 +195,8 @@ TEST_F(PivotSteps, AThreeByThreeBlockTakesOnlyItsPivotAndDropsTinyMultipliers) {
   ASSERT_EQ(luf->LFileUsed, lUsed + 2);
   for (int32_t l = lUsed + 1; l <= luf->LFileUsed; ++l) {
     EXPECT_EQ(luf->Lpiv.V[l], 2);
-    EXPECT_EQ(luf->Lmat.Val[l], luf->Lrow.V[l] == 1 ? 0.0 : 0.125 / 4.0) << luf->Lrow.V[l];  // a(3, 2) = 1/8
+    EXPECT_EQ(luf->Lmat.Val[l], luf->Lrow.V[l] == 1 ? 0.0 : 0.125 / 4.0)
+        << luf->Lrow.V[l];  // a(3, 2) = 1/8
   }
   EXPECT_EQ(iin->RowFill, 1);  // (3, 1), not (1, 3)
   EXPECT_EQ(luf->Rlen.V[1], 1);

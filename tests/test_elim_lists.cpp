@@ -109,7 +109,7 @@ TEST_F(Lists, NewMembersEnterAtTheHeadAndLowerTheBoundsOfTheSearch) {
 }
 
 TEST_F(Lists, MarkowitzStoresCorrectTheirCounts) {
-  const int bad = iin->MarkBad;  // 23
+  const int bad = iin->MarkBad;              // 23
   for (int j = 1; j <= 8; ++j) clen[j] = 4;  // counts are multiples of 3
   vlu::Store_col_in_M_list(s, 1, 6);
   EXPECT_EQ(s.Min_M_InList, 6);

@@ -1,9 +1,10 @@
 // Pivot selection on bumps that ExtractBasis loaded: the column scan and its
 // strict threshold, the pivot test, the thresholds that follow MarkHigh, the
-// statistics-driven switch, and the search itself (Test_Mcount, Select_Pivot,
-// Select_Pivot_Dense, Select_Pivot_D and its cache) with its exact tie rules
-// and its Mfac margin.  Whether a chosen pivot is a good one the factors
-// cannot tell; these tests pin the choice.
+// statistics-driven switch, Factor_Bump's choice of mode by the rows left,
+// and the search itself (Test_Mcount, Select_Pivot, Select_Pivot_Dense,
+// Select_Pivot_D and its cache) with its exact tie rules and its Mfac margin.
+// Whether a chosen pivot is a good one the factors cannot tell; these tests
+// pin the choice.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -264,7 +265,8 @@ TEST_F(ElimSelect, FactorBumpChoosesItsModeByTheRowsLeft) {
   for (int n : {101, 102}) {
     luc::Cols cols(static_cast<size_t>(n));
     for (int j = 1; j <= n; ++j)
-      for (int d = 0; d < 7; ++d) cols[size_t(j - 1)].push_back({(j - 1 + d) % n + 1, d == 0 ? 4.0 : 0.5});
+      for (int d = 0; d < 7; ++d)
+        cols[size_t(j - 1)].push_back({(j - 1 + d) % n + 1, d == 0 ? 4.0 : 0.5});
     ASSERT_NO_FATAL_FAILURE(Start(luc::From_Columns(n, cols, true), false));
     env->Trace_Inv = 1;
     vlu::Factor_Bump(env);
@@ -352,7 +354,7 @@ TEST_F(ElimSelect, TestMcountSendsExhaustedColumnsUpAndKeepsTheBoundBelowListedO
   EXPECT_EQ(s.Piv_Row, 0);
   EXPECT_EQ(iin->Mact.V[4], iin->MarkBad);
   EXPECT_EQ(iin->Mlow.V[4], 4);
-  EXPECT_EQ(s.Min_M_InList, 5);  // lists up to M2 are empty now
+  EXPECT_EQ(s.Min_M_InList, 5);      // lists up to M2 are empty now
   vlu::Test_Mcount(s, 1, 4, found);  // a range below the lowest list is not walked
   EXPECT_FALSE(found);
   EXPECT_TRUE(Consistent());
@@ -498,32 +500,6 @@ TEST_F(ElimSelect, SelectPivotDenseTakesTheFirstLargestElement) {
   EXPECT_EQ(s.Piv_Row, r[1]);
   EXPECT_EQ(s.MarkBest, 25);
   EXPECT_TRUE(Consistent(j));
-}
-
-TEST_F(ElimSelect, SwitchEmptiesTheMarkowitzListsIntoTheCountLists) {
-  Start(Six());
-  env->Trace_Inv = 1;
-  for (int32_t j : {3, 4, 6}) {
-    vlu::Remove_col_from_list(s, j);
-    vlu::Store_col_in_M_list(s, j, j == 4 ? iin->MarkBad : 2 * (luf->Clen.V[j] - 1));
-  }
-  for (int32_t i : {3, 6}) {
-    vlu::Remove_Row_from_List(s, i);
-    vlu::Store_Row_in_M_List(s, i);
-  }
-  ASSERT_TRUE(Consistent());
-  s.Cand_Count = 3;
-  vlu::Switch_to_Semi_Dense(s, s.Piv_Indx);
-  ASSERT_EQ(env->Exception, 0);
-  EXPECT_TRUE(s.Semi_Dense);
-  EXPECT_EQ(s.Count_Mark_Col, 0);
-  EXPECT_EQ(s.COUNT_MARK_ROW, 0);
-  EXPECT_EQ(s.Ptr_M_Rows, 0);
-  EXPECT_EQ(s.Cand_Count, 0);
-  for (int32_t j = 1; j <= 6; ++j) EXPECT_EQ(iin->Mact.V[j], 0);
-  EXPECT_TRUE(Consistent());
-  vlu::Msg_Flush(env);
-  EXPECT_TRUE(msgs.Has("Switching to semi-dense mode. Indx=1 Rows left=6")) << msgs.All();
 }
 
 TEST_F(ElimSelect, SelectPivotDUsesItsCacheAndWalksColumnsThenRows) {

@@ -53,14 +53,18 @@ luc::Problem P_By_Two() {
 // rows 1, 2 and columns 1, 2 exchanged, so that the pivot (2, 2) stands
 // second in its row and in its column.
 luc::Problem Two_By_Two(bool meet, bool swapped) {
-  luc::Cols cols = {{{1, 4.0}, {2, 2.0}}, {{1, 2.0}, {3, 1.0}}, {{2, 1.0}, {3, 2.0}, {4, 1.0}}, {{3, 1.0}, {4, 3.0}}};
+  luc::Cols cols = {{{1, 4.0}, {2, 2.0}},
+                    {{1, 2.0}, {3, 1.0}},
+                    {{2, 1.0}, {3, 2.0}, {4, 1.0}},
+                    {{3, 1.0}, {4, 3.0}}};
   if (meet) cols[1].push_back({2, 1.0});
   if (swapped) {
     std::swap(cols[0], cols[1]);
     for (auto &col : cols) {
       for (auto &e : col)
         if (e.first <= 2) e.first = 3 - e.first;
-      std::sort(col.begin(), col.end(), [](const auto &x, const auto &y) { return x.first < y.first; });
+      std::sort(col.begin(), col.end(),
+                [](const auto &x, const auto &y) { return x.first < y.first; });
     }
   }
   return luc::From_Columns(4, cols, true);
@@ -163,7 +167,8 @@ TEST_F(ShortPivots, EachShapeIsThePlainStepAndLeavesItsListsRight) {
          EXPECT_EQ(t.iin->Mact.V[2] + t.iin->Mlow.V[2], 0);
          EXPECT_EQ(t.iin->Stcc.V[3], 2);
        }},
-      {"2 by 2, cancelling where row and column meet", Two_By_Two(true, false), 1, vlu::PIV_2_BY_2, nullptr,
+      {"2 by 2, cancelling where row and column meet", Two_By_Two(true, false), 1, vlu::PIV_2_BY_2,
+       nullptr,
        [](ShortPivots &t) {
          EXPECT_EQ(t.s.St.RC2CC2, 1);
          EXPECT_EQ(t.luf->Rlen.V[2], 1);  // now a row singleton
@@ -172,7 +177,8 @@ TEST_F(ShortPivots, EachShapeIsThePlainStepAndLeavesItsListsRight) {
        }},
       {"2 by 2, fill", Two_By_Two(false, false), 1, vlu::PIV_2_BY_2, nullptr,
        [](ShortPivots &t) { EXPECT_EQ(t.iin->RowFill, 1); }},
-      {"2 by 2, fill, the pivot second in its row and column", Two_By_Two(false, true), 2, vlu::PIV_2_BY_2,
+      {"2 by 2, fill, the pivot second in its row and column", Two_By_Two(false, true), 2,
+       vlu::PIV_2_BY_2,
        [](ShortPivots &t) {
          ASSERT_NE(t.luf->Ic.V[t.luf->Rstr.V[2]], 2);
          ASSERT_NE(t.luf->Ir.V[t.luf->Cstr.V[2]], 2);

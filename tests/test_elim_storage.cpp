@@ -1,10 +1,11 @@
 // Storage of the active matrix on bumps that ExtractBasis loaded: the
-// placement rules of the compactions, long rows and columns, the roads by which Make_Row_Space and Make_Col_Space find room,
-// failed growth, the shapes of the work block, LU_Space's decisions, and the
-// compression of tails (duplicates added, small sums dropped, the fill
-// count).  After every operation the active matrix must hold the same
-// elements and pass the battery's structure tests; where a rule only decides
-// where things stand, the places are checked against the rule.
+// placement rules of the compactions, long rows and columns, the roads by
+// which Make_Row_Space and Make_Col_Space find room, failed growth, the
+// shapes of the work block, LU_Space's decisions, and the compression of
+// tails (duplicates added, small sums dropped, the fill count).  After every
+// operation the active matrix must hold the same elements and pass the
+// battery's structure tests; where a rule only decides where things stand,
+// the places are checked against the rule.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -31,9 +32,10 @@ Elems Plus(Elems e, std::initializer_list<Elem> add) {
   return e;
 }
 Elems Minus(Elems e, int32_t row, int32_t col) {
-  e.erase(std::remove_if(e.begin(), e.end(),
-                         [&](const Elem &x) { return std::get<0>(x) == row && std::get<1>(x) == col; }),
-          e.end());
+  e.erase(
+      std::remove_if(e.begin(), e.end(),
+                     [&](const Elem &x) { return std::get<0>(x) == row && std::get<1>(x) == col; }),
+      e.end());
   return e;
 }
 // The same elements without the compressed/tail distinction.
@@ -70,7 +72,9 @@ struct Storage : bmp::BumpTest {
   int32_t Len(bool rows, int32_t x) const { return rows ? luf->Rlen.V[x] : luf->Clen.V[x]; }
   int32_t &Lref(bool rows, int32_t x) { return rows ? luf->Rlen.V[x] : luf->Clen.V[x]; }
   int32_t Begin_Of(bool rows, int32_t x) const { return rows ? luf->Rstr.V[x] : luf->Cstr.V[x]; }
-  int32_t Extra(bool rows, int32_t x) const { return rows ? vlu::Row_Extra(s, x) : vlu::Col_Extra(s, x); }
+  int32_t Extra(bool rows, int32_t x) const {
+    return rows ? vlu::Row_Extra(s, x) : vlu::Col_Extra(s, x);
+  }
   int32_t Last(bool rows) const { return rows ? iin->RPlast : iin->CPlast; }
   void Make(bool rows, int32_t x, int32_t need) {
     rows ? vlu::Make_Row_Space(s, x, need) : vlu::Make_Col_Space(s, x, need);
@@ -88,13 +92,15 @@ struct Storage : bmp::BumpTest {
   // room for `room` more.
   int32_t Free_Col(int32_t i, std::vector<int32_t> except = {}, int32_t room = 2) {
     for (int32_t j : Chain(false))
-      if (j != iin->CPlast && !Has(i, j) && !In(except, j) && vlu::Col_Extra(s, j) >= room) return j;
+      if (j != iin->CPlast && !Has(i, j) && !In(except, j) && vlu::Col_Extra(s, j) >= room)
+        return j;
     return 0;
   }
   // A row (not last, not in `except`) without an element in column j.
   int32_t Free_Row(int32_t j, std::vector<int32_t> except = {}, int32_t room = 1) {
     for (int32_t i : Chain(true))
-      if (i != iin->RPlast && !Has(i, j) && !In(except, i) && vlu::Row_Extra(s, i) >= room) return i;
+      if (i != iin->RPlast && !Has(i, j) && !In(except, i) && vlu::Row_Extra(s, i) >= room)
+        return i;
     return 0;
   }
   // A row (not last, not in `except`) without a tail, with at least `len`
@@ -170,8 +176,8 @@ TEST_F(Storage, CompactionsPackEachRowAndColumnWithItsReserve) {
     int32_t used = 0;
     for (int32_t x : chain) {
       EXPECT_EQ(Begin_Of(rows, x), std::min(used + 1, old[size_t(x)])) << x;
-      used = Begin_Of(rows, x) - 1 +
-             reserve(Len(rows, x) + (rows ? iin->Mrex.V[x] : iin->Mcex.V[x]));
+      used =
+          Begin_Of(rows, x) - 1 + reserve(Len(rows, x) + (rows ? iin->Mrex.V[x] : iin->Mcex.V[x]));
       if (!rows) used = (used + 7) / 8 * 8;
     }
     EXPECT_EQ(rows ? luf->RowFileUsed : luf->ColFileUsed, used);
@@ -208,22 +214,29 @@ TEST_F(Storage, LongRowsAndColumns) {
   };
   const Case cases[] = {
       {30, 3, 4, 8, 0, 2, 0, false, true, true},
-      {30, 25, 4, 8, 0, 2, 0, false, false, false},   // 30 <= 1.2 * 25 (30.000002 in single precision)
+      // 30 <= 1.2 * 25 (30.000002 in single precision): not clearly longer.
+      {30, 25, 4, 8, 0, 2, 0, false, false, false},
       {30, 24, 4, 8, 0, 2, 0, false, true, true},
-      {24, 20, 4, 8, 0, 2, 0, false, false, false},   // 24 <= 1.2 * 20, exactly 24 in single precision
-      {30, 24, 4, 30, 0, 2, 0, false, false, false},  // not above Length_Lim
-      {30, 24, 30, 8, 29, 2, 0, false, true, false},  // the bound may beat the pivot: 29 * 28 < 29 * 30
+      // 24 <= 1.2 * 20, exactly 24 in single precision.
+      {24, 20, 4, 8, 0, 2, 0, false, false, false},
+      // Not above Length_Lim.
+      {30, 24, 4, 30, 0, 2, 0, false, false, false},
+      // A column whose bound may beat the pivot's count: 29 * 28 < 29 * 30.
+      {30, 24, 30, 8, 29, 2, 0, false, true, false},
       {30, 24, 28, 8, 29, 2, 0, false, true, true},
-      {30, 24, 4, 8, 0, 18, 0, false, false, false},  // no more room at hand than Extra_Crit
+      // No more room at hand than min(Len_Piv - 1, Extra_Crit).
+      {30, 24, 4, 8, 0, 18, 0, false, false, false},
       {30, 24, 4, 8, 0, 17, 0, false, false, true},
       {30, 24, 4, 8, 0, 14, 0, false, true, true},
-      {30, 24, 4, 8, 0, 18, 1, false, true, true},    // a tail makes it long
-      {30, 24, 4, 8, 0, 18, 1, true, false, false},   // but not in semi-dense mode
+      // A tail makes it long, but not in semi-dense mode.
+      {30, 24, 4, 8, 0, 18, 1, false, true, true},
+      {30, 24, 4, 8, 0, 18, 1, true, false, false},
   };
   for (const Case &k : cases) {
-    SCOPED_TRACE(::testing::Message() << "len " << k.len << " Len_Piv " << k.lenPiv << " MarkBest "
-                                      << k.markBest << " Length_Lim " << k.lengthLim << " Mlow " << k.mlow
-                                      << " Extra_Crit " << k.extraCrit << " tail " << k.tail);
+    SCOPED_TRACE(::testing::Message()
+                 << "len " << k.len << " Len_Piv " << k.lenPiv << " MarkBest " << k.markBest
+                 << " Length_Lim " << k.lengthLim << " Mlow " << k.mlow << " Extra_Crit "
+                 << k.extraCrit << " tail " << k.tail);
     luf->Rlen.V[1] = luf->Clen.V[1] = k.len;  // a shorter one has more room behind it
     s.Len_Piv_Row = s.Len_Piv_Col = k.lenPiv;
     s.MarkBest = k.markBest;
@@ -251,7 +264,8 @@ TEST_F(Storage, MakeSpaceFindsRoomByEveryRoad) {
     ASSERT_FALSE(vlu::Stopped(s)) << msgs.All();
     EXPECT_EQ(rows ? s.St.Compres_Rows : s.St.Compres_Cols, 1);
     EXPECT_GE(vlu::Size(luf->Ir), 2 * sizeIr);
-    EXPECT_EQ(luf->ColASpace, std::min({vlu::Size(luf->Ir), vlu::Size(iin->C2rp), vlu::Size(iin->R2cp)}));
+    EXPECT_EQ(luf->ColASpace,
+              std::min({vlu::Size(luf->Ir), vlu::Size(iin->C2rp), vlu::Size(iin->R2cp)}));
     EXPECT_EQ(Len(rows, last), len + 5);
     EXPECT_EQ(rows ? luf->RowFileUsed : luf->ColFileUsed, Begin_Of(rows, last) - 1 + 2 * (len + 5));
     Lref(rows, last) = len;
@@ -358,7 +372,8 @@ TEST_F(Storage, ShapesOfTheWorkBlock) {
     vlu::Allocate_RVec(env, iin->Mmat, size);
   };
   // sqrt + 0.5 cut in single precision; from 25 on a multiple of 8.
-  const int32_t shapes[][3] = {{24, 5, 4}, {60, 8, 7}, {700, 24, 29}, {1000, 32, 31}, {1056, 32, 33}};
+  const int32_t shapes[][3] = {
+      {24, 5, 4}, {60, 8, 7}, {700, 24, 29}, {1000, 32, 31}, {1056, 32, 33}};
   for (const auto &c : shapes) {
     sized(c[0]);
     vlu::Define_Mmat_Rows(s);
@@ -372,7 +387,8 @@ TEST_F(Storage, ShapesOfTheWorkBlock) {
   // Len_Piv_Col, Len_Piv_Row, Rowlft -> Mr, Mc.
   const int32_t steps[][5] = {
       {10, 12, 60, 32, 38},  // fits twice into the standing shape: kept
-      {26, 40, 60, 29, 43},  // (26 + e)(40 + e) = 1247, e = 3: 29 -> 32 leaves 38 < 40, 24 too few: 29
+      {26, 40, 60, 29,
+       43},  // (26 + e)(40 + e) = 1247, e = 3: 29 -> 32 leaves 38 < 40, 24 too few: 29
       {30, 10, 60, 48, 25},  // e = sqrt(1247 + 100) - 20 = 16.7: 46 -> 48
       {30, 10, 35, 32, 38},  // capped by the rows left, then rounded to 8
   };
@@ -481,7 +497,8 @@ TEST_F(Storage, RowTailCompressionAddsDuplicatesAndDropsSmallSums) {
   EXPECT_EQ(iin->Mcex.V[cOld] + iin->Mcex.V[cSmall], 0);
   EXPECT_EQ(iin->RowFill, fill - 3);  // three duplicates
   Elems want = Minus(Minus(Minus(before, r, cNew), r, cOld), r, cSmall);
-  EXPECT_EQ(Elements(), Plus(want, {Elem(r, cNew, 1.25 + 2.0, true), Elem(r, cOld, old + 0.5, true)}));
+  EXPECT_EQ(Elements(),
+            Plus(want, {Elem(r, cNew, 1.25 + 2.0, true), Elem(r, cOld, old + 0.5, true)}));
   for (int32_t k = 1; k <= s.NumRow; ++k) ASSERT_EQ(iin->Indx.V[k], 0) << k;
   // The lists follow the lengths.
   EXPECT_EQ(iin->Stcr.V[luf->Rlen.V[r]], r);
@@ -507,7 +524,8 @@ TEST_F(Storage, ColumnTailCompressionLeavesARowOfOneWithATailAlone) {
   const int32_t cX = Free_Col(rOld, {c}), cY = Free_Col(rNew, {c});
   ASSERT_TRUE(cX && cY);
   const double old = vim->AUrmat.Val[luf->Cstr.V[c]];
-  ASSERT_NO_FATAL_FAILURE(Store(rNew, cY, -1.0, false));  // rNew's tail does not start with column c
+  ASSERT_NO_FATAL_FAILURE(
+      Store(rNew, cY, -1.0, false));  // rNew's tail does not start with column c
   ASSERT_NO_FATAL_FAILURE(Store(rNew, c, 3.0, false));
   ASSERT_NO_FATAL_FAILURE(Store(rOld, c, -old, false));
   ASSERT_NO_FATAL_FAILURE(Store(rOld, cX, 1.0, false));

@@ -115,9 +115,9 @@ void BumpTest::Start(const luc::Problem &p, bool lists) {
                density > static_cast<float>(vlu::Dense_Factor * env->Thread_Damp)) ||
               (s.Rowlft >= 8 && density > 0.99f);
   }
-  for (vlu::IntVec *v : {&iin->Nxtc, &iin->Prvc, &iin->Nxtr, &iin->Prvr, &iin->Mrow, &iin->Indr,
-                         &iin->Mrex, &iin->Mact, &iin->Mlow, &iin->Indc, &iin->Mcex, &iin->Indx,
-                         &iin->Stcc, &iin->Stcr})
+  for (vlu::IntVec *v :
+       {&iin->Nxtc, &iin->Prvc, &iin->Nxtr, &iin->Prvr, &iin->Mrow, &iin->Indr, &iin->Mrex,
+        &iin->Mact, &iin->Mlow, &iin->Indc, &iin->Mcex, &iin->Indx, &iin->Stcc, &iin->Stcr})
     vlu::Zero_Int(v->V, n);
   vlu::Zero_Int(iin->Stmc.V, vlu::Size(iin->Stmc));
   Fresh_Clmx();
@@ -183,7 +183,8 @@ Elems BumpTest::Elements() const {
   for (int32_t k = s.Piv_Indx; k <= s.NumRow; ++k) {
     const int32_t j = vim->Cnto.V[k], q0 = luf->Cstr.V[j];
     for (int32_t q = q0; q < q0 + luf->Clen.V[j] + vlu::Col_Tail(s, j); ++q)
-      if (luf->Ir.V[q] != 0) e.emplace_back(luf->Ir.V[q], j, vim->AUrmat.Val[q], q < q0 + luf->Clen.V[j]);
+      if (luf->Ir.V[q] != 0)
+        e.emplace_back(luf->Ir.V[q], j, vim->AUrmat.Val[q], q < q0 + luf->Clen.V[j]);
   }
   std::sort(e.begin(), e.end());
   return e;

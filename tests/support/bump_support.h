@@ -40,8 +40,8 @@ struct BumpTest : luc::EnvTest {
   vlu::LUF *luf = nullptr;
   vlu::IIN *iin = nullptr;
   // Settings applied right after the problem is loaded (0: the default).
-  int32_t markBad = 0;        // size of the Markowitz lists (a prime)
-  double spaceFactor = 0.0;   // VMI%Space_Factor
+  int32_t markBad = 0;       // size of the Markowitz lists (a prime)
+  double spaceFactor = 0.0;  // VMI%Space_Factor
 
   // Load, the set-up of a pass, ExtractBasis, and Factor_Bump's set-up
   // (with the C-lists when `lists`) and Define_Mmat_Rows.
