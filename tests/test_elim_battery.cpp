@@ -142,8 +142,10 @@ TEST_F(Battery, EachKindOfDamageIsFoundByItsTest) {
        [](Battery &b) {
          for (int32_t c = 2; c < std::min(b.s.Len_Crit, b.s.Length_Lim); ++c)
            for (int32_t j = b.iin->Stcc.V[c]; j != 0; j = b.iin->Nxtc.V[j])
-             if (vlu::Col_Extra(b.s, j) >= 1)
-               return (b.iin->Mcex.V[j] = 1), true;  // the slot behind is empty
+             if (vlu::Col_Extra(b.s, j) >= 1) {  // a tail of one removed slot
+               b.luf->Ir.V[b.luf->Cstr.V[j] + b.luf->Clen.V[j]] = 0;
+               return (b.iin->Mcex.V[j] = 1), true;
+             }
          return false;
        },
        "Test_Mrex_Mcex", "in C-list"},
