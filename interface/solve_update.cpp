@@ -1,4 +1,5 @@
 // The exported solve and update calls.
+#include <algorithm>
 #include <cfloat>
 #include <cstring>
 #include <cstdint>
@@ -11,6 +12,37 @@
 using vlu::Iface;
 using vlu::IfaceState;
 
+namespace {
+
+// Plain loops over blocks of eight, which the compiler turns into vector
+// moves; the tails one by one.
+void Copy_Block(const double *src, double *dst, int32_t n) {
+  int32_t i = 0;
+  for (; i + 8 <= n; i += 8)
+    for (int k = 0; k < 8; ++k) dst[i + k] = src[i + k];
+  for (; i < n; ++i) dst[i] = src[i];
+}
+
+void Copy_Block2(const double *src, double *dst1, double *dst2, int32_t n) {
+  int32_t i = 0;
+  for (; i + 8 <= n; i += 8)
+    for (int k = 0; k < 8; ++k) {
+      const double v = src[i + k];
+      dst1[i + k] = v;
+      dst2[i + k] = v;
+    }
+  for (; i < n; ++i) dst1[i] = dst2[i] = src[i];
+}
+
+void Fill_Block(double *dst, int32_t n, double value) {
+  int32_t i = 0;
+  for (; i + 8 <= n; i += 8)
+    for (int k = 0; k < 8; ++k) dst[i + k] = value;
+  for (; i < n; ++i) dst[i] = value;
+}
+
+}  // namespace
+
 extern "C" VLU_API int vlu_solve(double *sol, const double *rhs) {
   IfaceState &s = Iface();
   vlu::VMI *env = s.env;
@@ -18,26 +50,40 @@ extern "C" VLU_API int vlu_solve(double *sol, const double *rhs) {
   const int32_t n = s.numRows;
 
   double *w = vim->Work1.Val;
-  for (int32_t i = 1; i <= n; ++i) w[i] = rhs[i - 1];
   // While column t is unknown, the last right-hand side is what t becomes
   // should it ever enter the basis.
-  if (!s.rKnown) {
-    double *rs = s.rSave;
-    for (int32_t i = 1; i <= n; ++i) rs[i] = rhs[i - 1];
-  }
+  if (s.rKnown)
+    Copy_Block(rhs, w + 1, n);
+  else
+    Copy_Block2(rhs, w + 1, s.rSave + 1, n);
 
   vlu::Solve_Ftran(env, vim->Work1);
 
   // Nonbasic columns read the largest double; the caller tells them by it.
   const int32_t total = 2 * n + 1;
-  for (int32_t j = 0; j < total; ++j) sol[j] = DBL_MAX;
+  Fill_Block(sol, total, DBL_MAX);
+  // Every row's column must be basic.  The statuses are or-ed together and
+  // tested once, after the values are out: a bad one stops the process all
+  // the same.
   const int32_t *rwcl = vim->Rwcl.V;
   const int32_t *basc = vim->Basc.V;
-  for (int32_t i = 1; i <= n; ++i) {
+  int32_t bad = 0;
+  int32_t i = 1;
+  for (; i + 3 <= n; i += 4) {
+    const int32_t j0 = rwcl[i], j1 = rwcl[i + 1], j2 = rwcl[i + 2], j3 = rwcl[i + 3];
+    bad |= (basc[j0] ^ vlu::IBasic) | (basc[j1] ^ vlu::IBasic) | (basc[j2] ^ vlu::IBasic) |
+           (basc[j3] ^ vlu::IBasic);
+    sol[j0 - 1] = w[i];
+    sol[j1 - 1] = w[i + 1];
+    sol[j2 - 1] = w[i + 2];
+    sol[j3 - 1] = w[i + 3];
+  }
+  for (; i <= n; ++i) {
     const int32_t j = rwcl[i];
-    if (basc[j] != vlu::IBasic) vlu::Hard_Stop("Basis Bogus AAA");
+    bad |= basc[j] ^ vlu::IBasic;
     sol[j - 1] = w[i];
   }
+  if (bad != 0) vlu::Hard_Stop("Basis Bogus AAA");
   return 0;
 }
 

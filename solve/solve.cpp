@@ -42,6 +42,14 @@ inline double Eta_Dot(const double *lmat, const int32_t *lpiv, const double *w,
   return sum;
 }
 
+// Magnitude of the last NaN among the listed rows, in list order.
+double Last_NaN_Magnitude(const double *w, const int32_t *list, int32_t len) {
+  double m = 0.0;
+  for (int32_t i = 1; i <= len; ++i)
+    if (w[list[i]] != w[list[i]]) m = std::fabs(w[list[i]]);
+  return m;
+}
+
 }  // namespace
 
 void L_Solve(VMI *vmi, RVec &w) {
@@ -118,7 +126,10 @@ void Vdsuxy(VMI *vmi, RVec &w) {
   int32_t *helpi = vim->HelpI.V;
 
   int32_t numNz = 0;
-  double maxAbs = 0.0;
+  // The largest magnitude, and beside it the sum of all magnitudes: a sum of
+  // non-negative terms turns NaN only through a NaN term, so it tells after
+  // the loop whether a NaN came out, without a test per row.
+  double maxAbs = 0.0, sumAbs = 0.0;
   for (int32_t k = n; k >= 1; --k) {
     const int32_t r = rnto[k];
     double x = W[r];
@@ -132,11 +143,14 @@ void Vdsuxy(VMI *vmi, RVec &w) {
     W[r] = x;
     helpi[++numNz] = r;
     const double ax = std::fabs(x);
-    // A NaN, once seen, stays the maximum.
-    if (ax > maxAbs || ax != ax) maxAbs = ax;
+    maxAbs = ax > maxAbs ? ax : maxAbs;
+    sumAbs += ax;
     const int32_t qEnd = q + clen[c];
     for (int32_t p = q + 1; p < qEnd; ++p) W[ir[p]] -= ucmat[p] * x;
   }
+  // A NaN, once seen, is the maximum: the last one met, as the running
+  // maximum that takes every NaN would keep it.
+  if (sumAbs != sumAbs) maxAbs = Last_NaN_Magnitude(W, helpi, numNz);
   vim->Num_UpNz = numNz;
   vim->Max_UpCol = maxAbs;
 

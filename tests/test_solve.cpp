@@ -1,6 +1,7 @@
 // The forward solve on factors written by hand into an environment, so that
 // each form of L_Solve can be forced and the forms compared, and the repair
 // path for huge or NaN solutions reached.
+#include <cstring>
 #include <limits>
 
 #include "runtime/records.h"
@@ -189,6 +190,49 @@ TEST(SolveForms, DotFormAddsEightPartialSums) {
   h.Store();
   ASSERT_FALSE(h.Dot_Form());
   EXPECT_NE(h.Run(vlu::L_Solve, b)[19], -14.5);
+}
+
+TEST(SolveForms, ListOfNonzerosAndLargestMagnitude) {
+  // Identity order and a diagonal U: the rows come out from the last to the
+  // first, zeros (negative ones too) are skipped and stored as +0.
+  Hand h(12, 3);
+  std::vector<double> b(12, 0.0);
+  b[1] = 3.0;
+  b[4] = -0.0;
+  b[7] = -8.0;
+  b[10] = 0.5;
+  const std::vector<double> x = h.Run(vlu::Vdsuxy, b);
+  const vlu::VIM *v = h.env->Vim;
+  ASSERT_EQ(v->Num_UpNz, 3);
+  EXPECT_EQ(v->HelpI[1], 11);
+  EXPECT_EQ(v->HelpI[2], 8);
+  EXPECT_EQ(v->HelpI[3], 2);
+  EXPECT_FALSE(std::signbit(x[4]));
+  double most = 0.0;
+  for (double t : x) most = std::max(most, std::fabs(t));
+  EXPECT_EQ(v->Max_UpCol, most);
+  EXPECT_EQ(most, 8.0 / h.env->Luf->Ucmat[8]);
+}
+
+TEST(SolveForms, LastNaNMetIsTheLargestMagnitude) {
+  // Two NaNs with their own payloads and a sign: the row met last (the
+  // first row, since the order runs backwards) gives Max_UpCol, its sign
+  // cleared.
+  auto nan_with = [](uint64_t payload, bool negative) {
+    uint64_t bits = 0x7FF8000000000000ULL | payload | (negative ? 1ULL << 63 : 0);
+    double d;
+    std::memcpy(&d, &bits, sizeof d);
+    return d;
+  };
+  Hand h(10, 4);
+  std::vector<double> b(10, 1.0);
+  b[0] = nan_with(0x1234, true);
+  b[6] = nan_with(0x5678, false);
+  h.Run(vlu::Vdsuxy, b);
+  uint64_t got;
+  const double m = h.env->Vim->Max_UpCol;
+  std::memcpy(&got, &m, sizeof got);
+  EXPECT_EQ(got, 0x7FF8000000001234ULL);
 }
 
 TEST(SolveForms, HugeOrNaNSolutionReachesDefNan) {
