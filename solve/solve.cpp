@@ -6,8 +6,10 @@
 // every column.
 #include "solve/solve.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <functional>
 
 #include "factor/factor.h"
 #include "runtime/clock.h"
@@ -48,6 +50,23 @@ double Last_NaN_Magnitude(const double *w, const int32_t *list, int32_t len) {
   for (int32_t i = 1; i <= len; ++i)
     if (w[list[i]] != w[list[i]]) m = std::fabs(w[list[i]]);
   return m;
+}
+
+// The end of the U stage: the count and the largest magnitude of the
+// nonzeros, and the repair of the tolerances after a NaN or a huge value.
+// `sumAbs` is the sum of the magnitudes: a sum of non-negative terms turns
+// NaN only through a NaN term.  A NaN, once seen, is the maximum: the last
+// one met, as a running maximum that takes every NaN would keep it.
+void U_Solve_End(VMI *vmi, RVec &w, int32_t numNz, double maxAbs, double sumAbs) {
+  VIM *vim = vmi->Vim;
+  if (sumAbs != sumAbs) maxAbs = Last_NaN_Magnitude(w.Val, vim->HelpI.V, numNz);
+  vim->Num_UpNz = numNz;
+  vim->Max_UpCol = maxAbs;
+  if (maxAbs != maxAbs || maxAbs >= 1.0e100) {
+    if (vmi->Trace_Inv >= 1) Doc(vmi, "DefNan called from Vdsuxy. Max_UpCol=%15.7E", maxAbs);
+    if (vmi->Trace_Inv >= 2) PS_RVec(vmi, w, "VIM%Work1", vim->NumRow);
+    DefNan(vmi);
+  }
 }
 
 }  // namespace
@@ -126,9 +145,8 @@ void Vdsuxy(VMI *vmi, RVec &w) {
   int32_t *helpi = vim->HelpI.V;
 
   int32_t numNz = 0;
-  // The largest magnitude, and beside it the sum of all magnitudes: a sum of
-  // non-negative terms turns NaN only through a NaN term, so it tells after
-  // the loop whether a NaN came out, without a test per row.
+  // The largest magnitude, and beside it the sum of all magnitudes, which
+  // tells after the loop whether a NaN came out, without a test per row.
   double maxAbs = 0.0, sumAbs = 0.0;
   for (int32_t k = n; k >= 1; --k) {
     const int32_t r = rnto[k];
@@ -148,18 +166,7 @@ void Vdsuxy(VMI *vmi, RVec &w) {
     const int32_t qEnd = q + clen[c];
     for (int32_t p = q + 1; p < qEnd; ++p) W[ir[p]] -= ucmat[p] * x;
   }
-  // A NaN, once seen, is the maximum: the last one met, as the running
-  // maximum that takes every NaN would keep it.
-  if (sumAbs != sumAbs) maxAbs = Last_NaN_Magnitude(W, helpi, numNz);
-  vim->Num_UpNz = numNz;
-  vim->Max_UpCol = maxAbs;
-
-  if (maxAbs != maxAbs || maxAbs >= 1.0e100) {
-    if (vmi->Trace_Inv >= 1) Doc(vmi, "DefNan called from Vdsuxy. Max_UpCol=%15.7E", maxAbs);
-    if (vmi->Trace_Inv >= 2) PS_RVec(vmi, w, "VIM%Work1", n);
-    DefNan(vmi);
-  }
-
+  U_Solve_End(vmi, w, numNz, maxAbs, sumAbs);
   if (timing) {
     vim->Calls_Vdsuxy += 1;
     vim->Time_Vdsuxy += Clock_Read(vmi) - t0;
@@ -176,6 +183,183 @@ void Solve_Ftran(VMI *vmi, RVec &w) {
     const double t2 = Clock_Read(vmi);
     vmi->Vim->Time_Ftran_L += t1 - t0;
     vmi->Vim->Time_Ftran_U += t2 - t1;
+  }
+}
+
+namespace {
+
+// Share of NumRow up to which a solve keeps to the rows it reaches: past it
+// the full forms are cheaper than the search of the rows.
+constexpr int32_t Listed_Share = 10;
+
+// L_Solve on a vector whose rows off the list hold +0, extending the list
+// (marks 1) by every row that the stage may make nonzero.  The arithmetic is
+// that of L_Solve; where L_Solve takes the element form for the L columns,
+// a column whose pivot value is zero is skipped here, which changes at most
+// the sign of a zero, and every zero leaves the solve as +0.  Rows that get
+// no element stay +0 and off the list.
+int32_t L_Solve_Listed(VMI *vmi, double *W, int32_t *lst, int32_t *mk, int32_t len) {
+  LUF *luf = vmi->Luf;
+  const int32_t *lsor = luf->Lsor.V;
+  const int32_t *lrow = luf->Lrow.V;
+  const int32_t *lpiv = luf->Lpiv.V;
+  const double *lmat = luf->Lmat.Val;
+  const int32_t nCols = luf->L_Cols;
+  const int32_t m = lsor[nCols + 1] - 1;
+
+  for (int32_t k = 1; k <= nCols; ++k) {
+    const int32_t p0 = lsor[k], p1 = lsor[k + 1];
+    if (p0 == p1) continue;
+    const int32_t piv = lpiv[p0];
+    if (mk[piv] == 0) continue;
+    const double x = W[piv];
+    if (x == 0.0) continue;
+    for (int32_t p = p0; p < p1; ++p) {
+      const int32_t r = lrow[p];
+      W[r] -= lmat[p] * x;
+      if (mk[r] == 0) {
+        mk[r] = 1;
+        lst[++len] = r;
+      }
+    }
+  }
+
+  const int32_t used = luf->LFileUsed;
+  const int32_t e = used - m;
+  const int32_t groups = luf->L_Groups;
+  if (e <= 0 && groups <= 0) return len;
+  // A target that the etas leave at zero is stored as +0, as the full solve
+  // would store it, and stays off the list.
+  auto target = [&](int32_t r) {
+    if (mk[r] != 0) return;
+    if (W[r] != 0.0) {
+      mk[r] = 1;
+      lst[++len] = r;
+    } else {
+      W[r] = 0.0;
+    }
+  };
+  if (5 * static_cast<int64_t>(groups) < static_cast<int64_t>(e)) {
+    // Dot form; an empty eta subtracts 0.0, which changes nothing.
+    const int32_t *lstr = luf->Lstr.V;
+    int32_t prevEnd = m;
+    for (int32_t g = 1; g <= groups; ++g) {
+      const int32_t last = lstr[g + 1] - 1;
+      const int32_t first = prevEnd + 1;
+      prevEnd = last;
+      if (last < first) continue;
+      const int32_t r = lrow[last];
+      W[r] -= Eta_Dot(lmat, lpiv, W, first, last);
+      target(r);
+    }
+  } else {
+    for (int32_t p = m + 1; p <= used; ++p) {
+      const int32_t r = lrow[p];
+      W[r] -= lmat[p] * W[lpiv[p]];
+      target(r);
+    }
+  }
+  return len;
+}
+
+// Takes the marks of the list off again: places 1..upto hold positions,
+// the places behind them rows.
+void Clear_List_Marks(const int32_t *rnto, const int32_t *lst, int32_t *mk, int32_t upto,
+                      int32_t len) {
+  for (int32_t i = 1; i <= upto; ++i) mk[rnto[lst[i]]] = 0;
+  for (int32_t i = upto + 1; i <= len; ++i) mk[lst[i]] = 0;
+}
+
+}  // namespace
+
+int32_t Listed_Rhs_Limit(int32_t numRow) { return numRow / Listed_Share; }
+
+void Solve_Ftran_Listed(VMI *vmi, RVec &w, int32_t len) {
+  const bool timing = vmi->Timing;
+  const bool detail = timing && vmi->Timing_Detail;
+  const double t0 = timing ? Clock_Read(vmi) : 0.0;
+
+  VIM *vim = vmi->Vim;
+  LUF *luf = vmi->Luf;
+  double *W = w.Val;
+  const int32_t n = vim->NumRow;
+  int32_t *lst = vim->HelpI.V;
+  int32_t *mk = vim->HelpZ.V;
+  const int32_t *rnto = vim->Rnto.V;
+  const int32_t *rotn = vim->Rotn.V;
+  const int32_t *cnto = vim->Cnto.V;
+  const int32_t *cstr = luf->Cstr.V;
+  const int32_t *clen = luf->Clen.V;
+  const int32_t *ir = luf->Ir.V;
+  const double *ucmat = luf->Ucmat.Val;
+  const int32_t cap = n / Listed_Share;
+
+  len = L_Solve_Listed(vmi, W, lst, mk, len);
+  const double t1 = timing ? Clock_Read(vmi) : 0.0;
+  if (timing) {
+    vim->Calls_L_Solve += 1;
+    vim->Time_L_Solve += t1 - t0;
+  }
+
+  // The rows that U reaches from the list: a row at position k reaches the
+  // rows of the column at k behind its pivot.  Each row, once its column is
+  // read, gives way to its position in the list.
+  int32_t i = 0;
+  bool full = len > cap;
+  for (; !full && i < len;) {
+    ++i;
+    const int32_t k = rotn[lst[i]];
+    const int32_t c = cnto[k];
+    const int32_t q = cstr[c], qEnd = q + clen[c];
+    for (int32_t p = q + 1; p < qEnd; ++p) {
+      const int32_t r = ir[p];
+      if (mk[r] == 0) {
+        mk[r] = 1;
+        lst[++len] = r;
+      }
+    }
+    lst[i] = k;
+    full = len > cap;
+  }
+  if (full) {
+    Clear_List_Marks(rnto, lst, mk, i, len);
+    Vdsuxy(vmi, w);
+  } else {
+    // The positions from the last to the first, as the full form walks
+    // them: every value gets its updates in the same order.
+    std::sort(lst + 1, lst + len + 1, std::greater<int32_t>());
+    int32_t numNz = 0;
+    double maxAbs = 0.0, sumAbs = 0.0;
+    for (int32_t t = 1; t <= len; ++t) {
+      const int32_t k = lst[t];
+      const int32_t r = rnto[k];
+      mk[r] = 0;
+      double x = W[r];
+      if (x == 0.0) {
+        W[r] = 0.0;
+        continue;
+      }
+      const int32_t c = cnto[k];
+      const int32_t q = cstr[c];
+      x = x / ucmat[q];
+      W[r] = x;
+      lst[++numNz] = r;  // a place already read
+      const double ax = std::fabs(x);
+      maxAbs = ax > maxAbs ? ax : maxAbs;
+      sumAbs += ax;
+      const int32_t qEnd = q + clen[c];
+      for (int32_t p = q + 1; p < qEnd; ++p) W[ir[p]] -= ucmat[p] * x;
+    }
+    U_Solve_End(vmi, w, numNz, maxAbs, sumAbs);
+    if (timing) vim->Calls_Vdsuxy += 1;
+  }
+  if (timing) {
+    const double t2 = Clock_Read(vmi);
+    if (!full) vim->Time_Vdsuxy += t2 - t1;
+    if (detail) {
+      vim->Time_Ftran_L += t1 - t0;
+      vim->Time_Ftran_U += t2 - t1;
+    }
   }
 }
 

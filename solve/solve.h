@@ -13,6 +13,17 @@ void L_Solve(VMI *vmi, RVec &w);
 // Solves U in place; lists the nonzeros in VIM%HelpI (VIM::Num_UpNz) and
 // stores the largest magnitude in VIM::Max_UpCol.
 void Vdsuxy(VMI *vmi, RVec &w);
+// Solve_Ftran for a right-hand side with few nonzeros.  On entry
+// VIM%HelpI(1..len) lists the rows whose entries of W are not +0, and
+// VIM%HelpZ holds 1 for them and 0 elsewhere.  The result, the list of
+// nonzeros in VIM%HelpI, Num_UpNz and Max_UpCol are those of Solve_Ftran;
+// the work stays in proportion to the rows the solve reaches unless they
+// are many, in which case the solve finishes in the full form.  HelpZ is
+// clear on return.
+void Solve_Ftran_Listed(VMI *vmi, RVec &w, int32_t len);
+// Largest number of nonzeros of a right-hand side for which a caller hands
+// the solve a list (Solve_Ftran_Listed) rather than the full vector.
+int32_t Listed_Rhs_Limit(int32_t numRow);
 // L_Solve that keeps the list of nonzero rows (marks: 1 for a listed row).
 // Returns the new list length.
 int32_t L_Solve_Sparse(VMI *vmi, RVec &w, IntVec &list, IntVec &marks, int32_t listLen);

@@ -79,6 +79,45 @@ struct Hand {
     return b;
   }
 
+  // Random orders of rows and columns and an upper triangular U in them:
+  // the column at position k holds its pivot (in [1, 2)) first, then each
+  // row at a position before k with probability `density`.
+  void Random_U(double density) {
+    vlu::VIM *v = env->Vim;
+    LUF *f = env->Luf;
+    std::vector<int> rows(n), cols(n);
+    std::iota(rows.begin(), rows.end(), 1);
+    std::iota(cols.begin(), cols.end(), 1);
+    std::shuffle(rows.begin(), rows.end(), gen);
+    std::shuffle(cols.begin(), cols.end(), gen);
+    for (int k = 1; k <= n; ++k) {
+      v->Rnto[k] = rows[k - 1];
+      v->Cnto[k] = cols[k - 1];
+      v->Rotn[rows[k - 1]] = v->Cotn[cols[k - 1]] = k;
+    }
+    std::vector<std::vector<std::pair<int, double>>> col(n + 1);
+    int total = 0;
+    for (int k = 1; k <= n; ++k) {
+      auto &e = col[v->Cnto[k]];
+      e.push_back({v->Rnto[k], Uni(1.0, 2.0)});
+      for (int t = 1; t < k; ++t)
+        if (Uni(0.0, 1.0) < density) e.push_back({v->Rnto[t], Uni(-1.0, 1.0)});
+      total += static_cast<int>(e.size());
+    }
+    if (vlu::Size(f->Ucmat) < total) vlu::Increase_RVec(env, f->Ucmat, total - vlu::Size(f->Ucmat));
+    Grow(f->Ir, "LUF%Ir", total);
+    int q = 1;
+    for (int c = 1; c <= n; ++c) {
+      f->Cstr[c] = q;
+      f->Clen[c] = static_cast<int>(col[c].size());
+      for (const auto &e : col[c]) {
+        f->Ir[q] = e.first;
+        f->Ucmat[q++] = e.second;
+      }
+    }
+    f->U_numele = total;
+  }
+
   // Writes cols and etas into the L-file.
   void Store() {
     LUF *f = env->Luf;
@@ -233,6 +272,68 @@ TEST(SolveForms, LastNaNMetIsTheLargestMagnitude) {
   const double m = h.env->Vim->Max_UpCol;
   std::memcpy(&got, &m, sizeof got);
   EXPECT_EQ(got, 0x7FF8000000001234ULL);
+}
+
+// The listed solve against the full one on the same vector: every value,
+// bit for bit, the list of nonzeros and its count, the largest magnitude,
+// and clear marks afterwards.
+void Expect_Listed_As_Full(Hand &h, const std::vector<double> &b) {
+  vlu::VIM *v = h.env->Vim;
+  const std::vector<double> full = h.Run(vlu::Solve_Ftran, b);
+  const int nz = v->Num_UpNz;
+  const std::vector<int> order(&v->HelpI[1], &v->HelpI[1] + nz);
+  const double most = v->Max_UpCol;
+
+  double *w = v->Work1.Val;
+  std::copy(b.begin(), b.end(), w + 1);
+  int len = 0;
+  for (int i = 1; i <= h.n; ++i)
+    if (!(b[i - 1] == 0.0 && !std::signbit(b[i - 1]))) {
+      v->HelpI[++len] = i;
+      v->HelpZ[i] = 1;
+    }
+  vlu::Solve_Ftran_Listed(h.env, v->Work1, len);
+  EXPECT_EQ(std::memcmp(w + 1, full.data(), sizeof(double) * h.n), 0);
+  ASSERT_EQ(v->Num_UpNz, nz);
+  EXPECT_EQ(std::vector<int>(&v->HelpI[1], &v->HelpI[1] + nz), order);
+  EXPECT_EQ(std::memcmp(&v->Max_UpCol, &most, sizeof most), 0);
+  int marked = 0;
+  for (int i = 1; i <= h.n; ++i) marked += v->HelpZ[i] != 0;
+  EXPECT_EQ(marked, 0);
+}
+
+TEST(SolveForms, ListedSolveMatchesTheFullSolve) {
+  // Right-hand sides of one to a few entries (one a -0, one a NaN), over a
+  // sparse U, in every pair of forms of L_Solve; and a denser U, where the
+  // rows reached pass the limit and the solve finishes in the full form.
+  for (double density : {0.004, 0.05}) {
+    for (int forms = 0; forms < 4; ++forms) {
+      SCOPED_TRACE(::testing::Message() << "density " << density << " forms " << forms);
+      Hand h(400, 31 + forms);
+      h.Random_U(density);
+      for (int k = 1; k <= 30; ++k) h.cols.push_back(h.Random(k * 7, 4));
+      for (int len : {9, 3, 12, 0, 17}) h.etas.push_back(h.Random(1 + h.gen() % 400, len));
+      h.Store();
+      while ((forms & 1) == 0 ? h.Column_Form() : false) {
+        h.cols.emplace_back();
+        h.Store();
+      }
+      while ((forms & 2) == 0 ? h.Dot_Form() : false) {
+        h.etas.emplace_back();
+        h.Store();
+      }
+      ASSERT_EQ(h.Column_Form(), (forms & 1) != 0);
+      ASSERT_EQ(h.Dot_Form(), (forms & 2) != 0);
+      for (int t = 0; t < 12; ++t) {
+        std::vector<double> b(400, 0.0);
+        for (int e = 0; e <= t % 4; ++e) b[h.gen() % 400] = h.Uni(-1.0, 1.0);
+        if (t == 5) b[h.cols[2].row - 1] = -0.0;
+        if (t == 7) b[h.gen() % 400] = std::numeric_limits<double>::quiet_NaN();
+        if (t == 9) b[h.etas[1].ents[0].first - 1] = 2.0;  // an eta source
+        Expect_Listed_As_Full(h, b);
+      }
+    }
+  }
 }
 
 TEST(SolveForms, HugeOrNaNSolutionReachesDefNan) {
