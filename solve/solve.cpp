@@ -207,21 +207,23 @@ int32_t L_Solve_Listed(VMI *vmi, double *W, int32_t *lst, int32_t *mk, int32_t l
   const int32_t nCols = luf->L_Cols;
   const int32_t m = lsor[nCols + 1] - 1;
 
+  int32_t p0 = lsor[1];
   for (int32_t k = 1; k <= nCols; ++k) {
-    const int32_t p0 = lsor[k], p1 = lsor[k + 1];
-    if (p0 == p1) continue;
-    const int32_t piv = lpiv[p0];
-    if (mk[piv] == 0) continue;
-    const double x = W[piv];
-    if (x == 0.0) continue;
-    for (int32_t p = p0; p < p1; ++p) {
-      const int32_t r = lrow[p];
-      W[r] -= lmat[p] * x;
-      if (mk[r] == 0) {
-        mk[r] = 1;
-        lst[++len] = r;
+    const int32_t p1 = lsor[k + 1];
+    if (p0 != p1 && mk[lpiv[p0]] != 0) {
+      const double x = W[lpiv[p0]];
+      if (x != 0.0) {
+        for (int32_t p = p0; p < p1; ++p) {
+          const int32_t r = lrow[p];
+          W[r] -= lmat[p] * x;
+          if (mk[r] == 0) {
+            mk[r] = 1;
+            lst[++len] = r;
+          }
+        }
       }
     }
+    p0 = p1;
   }
 
   const int32_t used = luf->LFileUsed;
@@ -380,21 +382,23 @@ int32_t L_Solve_Sparse(VMI *vmi, RVec &w, IntVec &list, IntVec &marks, int32_t l
   int32_t len = listLen;
 
   // L columns, column form: only columns whose pivot row is listed matter.
+  int32_t p0 = lsor[1];
   for (int32_t k = 1; k <= nCols; ++k) {
-    const int32_t p0 = lsor[k], p1 = lsor[k + 1];
-    if (p0 == p1) continue;
-    const int32_t piv = lpiv[p0];
-    if (mk[piv] == 0) continue;
-    const double x = W[piv];
-    if (x == 0.0) continue;
-    for (int32_t p = p0; p < p1; ++p) {
-      const int32_t r = lrow[p];
-      W[r] -= lmat[p] * x;
-      if (mk[r] == 0) {
-        mk[r] = 1;
-        lst[++len] = r;
+    const int32_t p1 = lsor[k + 1];
+    if (p0 != p1 && mk[lpiv[p0]] != 0) {
+      const double x = W[lpiv[p0]];
+      if (x != 0.0) {
+        for (int32_t p = p0; p < p1; ++p) {
+          const int32_t r = lrow[p];
+          W[r] -= lmat[p] * x;
+          if (mk[r] == 0) {
+            mk[r] = 1;
+            lst[++len] = r;
+          }
+        }
       }
     }
+    p0 = p1;
   }
 
   // Row etas, dot form.
