@@ -3,13 +3,16 @@
 // L stands in the L-file as eta columns (LUF%Lsor addresses them), followed
 // by the row etas that updates append (LUF%Lstr addresses those).  U stands
 // in its column copy (LUF%Cstr, LUF%Clen, LUF%Ir, LUF%Ucmat), pivot first in
-// every column.
+// every column.  The solve of a right-hand side with few nonzeros keeps
+// its rows in VIM%HelpI (marks in VIM%HelpZ, clear on return) and the
+// positions U reaches as a bit set in IIN%Cpnx, which only the update uses
+// otherwise and always writes before it reads.
 #include "solve/solve.h"
 
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <functional>
+#include <cstring>
 
 #include "factor/factor.h"
 #include "runtime/clock.h"
@@ -264,12 +267,15 @@ int32_t L_Solve_Listed(VMI *vmi, double *W, int32_t *lst, int32_t *mk, int32_t l
   return len;
 }
 
-// Takes the marks of the list off again: places 1..upto hold positions,
-// the places behind them rows.
-void Clear_List_Marks(const int32_t *rnto, const int32_t *lst, int32_t *mk, int32_t upto,
-                      int32_t len) {
-  for (int32_t i = 1; i <= upto; ++i) mk[rnto[lst[i]]] = 0;
-  for (int32_t i = upto + 1; i <= len; ++i) mk[lst[i]] = 0;
+// The index of the highest set bit of a nonzero word.
+inline int32_t Highest_Bit(uint32_t word) {
+#if defined(__GNUC__) || defined(__clang__)
+  return 31 - __builtin_clz(word);
+#else
+  int32_t b = 31;
+  while ((word >> b) == 0) --b;
+  return b;
+#endif
 }
 
 }  // namespace
@@ -304,53 +310,63 @@ void Solve_Ftran_Listed(VMI *vmi, RVec &w, int32_t len) {
   }
 
   // The rows that U reaches from the list: a row at position k reaches the
-  // rows of the column at k behind its pivot.  Each row, once its column is
-  // read, gives way to its position in the list.
-  int32_t i = 0;
+  // rows of the column at k behind its pivot.  Their positions are marked
+  // in a bit set borrowed from IIN%Cpnx (free outside the update), which
+  // hands them back from the last to the first, the order of the full form:
+  // every value gets its updates in the same order.
+  uint32_t *bits = reinterpret_cast<uint32_t *>(vmi->Iin->Cpnx.V + 1);
+  const int32_t words = (n >> 5) + 1;
   bool full = len > cap;
-  for (; !full && i < len;) {
-    ++i;
-    const int32_t k = rotn[lst[i]];
-    const int32_t c = cnto[k];
-    const int32_t q = cstr[c], qEnd = q + clen[c];
-    for (int32_t p = q + 1; p < qEnd; ++p) {
-      const int32_t r = ir[p];
-      if (mk[r] == 0) {
-        mk[r] = 1;
-        lst[++len] = r;
+  if (!full) {
+    std::memset(bits, 0, sizeof(uint32_t) * static_cast<size_t>(words));
+    for (int32_t i = 1; i <= len; ++i) {
+      const int32_t k = rotn[lst[i]];
+      bits[k >> 5] |= 1u << (k & 31);
+      const int32_t c = cnto[k];
+      const int32_t q = cstr[c], qEnd = q + clen[c];
+      for (int32_t p = q + 1; p < qEnd; ++p) {
+        const int32_t r = ir[p];
+        if (mk[r] == 0) {
+          mk[r] = 1;
+          lst[++len] = r;
+        }
+      }
+      if (len > cap) {
+        full = true;
+        break;
       }
     }
-    lst[i] = k;
-    full = len > cap;
   }
   if (full) {
-    Clear_List_Marks(rnto, lst, mk, i, len);
+    for (int32_t i = 1; i <= len; ++i) mk[lst[i]] = 0;
     Vdsuxy(vmi, w);
   } else {
-    // The positions from the last to the first, as the full form walks
-    // them: every value gets its updates in the same order.
-    std::sort(lst + 1, lst + len + 1, std::greater<int32_t>());
-    int32_t numNz = 0;
+    int32_t numNz = 0;  // the list is read no more: it takes the nonzeros
     double maxAbs = 0.0, sumAbs = 0.0;
-    for (int32_t t = 1; t <= len; ++t) {
-      const int32_t k = lst[t];
-      const int32_t r = rnto[k];
-      mk[r] = 0;
-      double x = W[r];
-      if (x == 0.0) {
-        W[r] = 0.0;
-        continue;
+    for (int32_t wd = words - 1; wd >= 0; --wd) {
+      uint32_t word = bits[wd];
+      while (word != 0) {
+        const int32_t b = Highest_Bit(word);
+        word &= ~(1u << b);
+        const int32_t k = (wd << 5) + b;
+        const int32_t r = rnto[k];
+        mk[r] = 0;
+        double x = W[r];
+        if (x == 0.0) {
+          W[r] = 0.0;
+          continue;
+        }
+        const int32_t c = cnto[k];
+        const int32_t q = cstr[c];
+        x = x / ucmat[q];
+        W[r] = x;
+        lst[++numNz] = r;
+        const double ax = std::fabs(x);
+        maxAbs = ax > maxAbs ? ax : maxAbs;
+        sumAbs += ax;
+        const int32_t qEnd = q + clen[c];
+        for (int32_t p = q + 1; p < qEnd; ++p) W[ir[p]] -= ucmat[p] * x;
       }
-      const int32_t c = cnto[k];
-      const int32_t q = cstr[c];
-      x = x / ucmat[q];
-      W[r] = x;
-      lst[++numNz] = r;  // a place already read
-      const double ax = std::fabs(x);
-      maxAbs = ax > maxAbs ? ax : maxAbs;
-      sumAbs += ax;
-      const int32_t qEnd = q + clen[c];
-      for (int32_t p = q + 1; p < qEnd; ++p) W[ir[p]] -= ucmat[p] * x;
     }
     U_Solve_End(vmi, w, numNz, maxAbs, sumAbs);
     if (timing) vim->Calls_Vdsuxy += 1;
