@@ -267,6 +267,17 @@ int32_t L_Solve_Listed(VMI *vmi, double *W, int32_t *lst, int32_t *mk, int32_t l
   return len;
 }
 
+// The index of the lowest set bit of a nonzero word.
+inline int32_t Lowest_Bit(uint32_t word) {
+#if defined(__GNUC__) || defined(__clang__)
+  return __builtin_ctz(word);
+#else
+  int32_t b = 0;
+  while (((word >> b) & 1u) == 0) ++b;
+  return b;
+#endif
+}
+
 // The index of the highest set bit of a nonzero word.
 inline int32_t Highest_Bit(uint32_t word) {
 #if defined(__GNUC__) || defined(__clang__)
@@ -381,7 +392,25 @@ void Solve_Ftran_Listed(VMI *vmi, RVec &w, int32_t len) {
   }
 }
 
-int32_t L_Solve_Sparse(VMI *vmi, RVec &w, IntVec &list, IntVec &marks, int32_t listLen) {
+bool Build_L_Column_Map(VMI *vmi, int32_t *lcol) {
+  const LUF *luf = vmi->Luf;
+  const int32_t n = vmi->Vim->NumRow;
+  const int32_t *lsor = luf->Lsor.V, *lpiv = luf->Lpiv.V;
+  std::memset(lcol + 1, 0, sizeof(int32_t) * static_cast<size_t>(n));
+  for (int32_t k = 1; k <= luf->L_Cols; ++k) {
+    if (lsor[k] == lsor[k + 1]) continue;
+    const int32_t r = lpiv[lsor[k]];
+    if (lcol[r] != 0) {
+      lcol[1] = -1;
+      return false;
+    }
+    lcol[r] = k;
+  }
+  return true;
+}
+
+int32_t L_Solve_Sparse(VMI *vmi, RVec &w, IntVec &list, IntVec &marks, int32_t listLen,
+                       const int32_t *lcol) {
   const bool timing = vmi->Timing;
   const double t0 = timing ? Clock_Read(vmi) : 0.0;
 
@@ -397,24 +426,60 @@ int32_t L_Solve_Sparse(VMI *vmi, RVec &w, IntVec &list, IntVec &marks, int32_t l
   const int32_t m = lsor[nCols + 1] - 1;
   int32_t len = listLen;
 
-  // L columns, column form: only columns whose pivot row is listed matter.
-  int32_t p0 = lsor[1];
-  for (int32_t k = 1; k <= nCols; ++k) {
-    const int32_t p1 = lsor[k + 1];
-    if (p0 != p1 && mk[lpiv[p0]] != 0) {
-      const double x = W[lpiv[p0]];
-      if (x != 0.0) {
+  // L columns, column form.
+  if (lcol != nullptr) {
+    // The columns whose pivot row is listed, in increasing order, through a
+    // bit set of column numbers borrowed from IIN%Cpnx (the update writes
+    // it only later).  A row listed by column k has its own column, if any,
+    // behind k; a column before the current one whose pivot row becomes
+    // listed only now would have met a zero there, as in the sweep below.
+    uint32_t *bits = reinterpret_cast<uint32_t *>(vmi->Iin->Cpnx.V + 1);
+    const int32_t words = (nCols >> 5) + 1;
+    std::memset(bits, 0, sizeof(uint32_t) * static_cast<size_t>(words));
+    for (int32_t i = 1; i <= len; ++i) {
+      const int32_t k = lcol[lst[i]];
+      if (k > 0) bits[k >> 5] |= 1u << (k & 31);
+    }
+    for (int32_t wd = 0; wd < words; ++wd) {
+      while (bits[wd] != 0) {
+        const int32_t b = Lowest_Bit(bits[wd]);
+        bits[wd] &= ~(1u << b);
+        const int32_t k = (wd << 5) + b;
+        const int32_t p0 = lsor[k], p1 = lsor[k + 1];
+        const double x = W[lpiv[p0]];
+        if (x == 0.0) continue;
         for (int32_t p = p0; p < p1; ++p) {
           const int32_t r = lrow[p];
           W[r] -= lmat[p] * x;
           if (mk[r] == 0) {
             mk[r] = 1;
             lst[++len] = r;
+            const int32_t kr = lcol[r];
+            if (kr > k) bits[kr >> 5] |= 1u << (kr & 31);
           }
         }
       }
     }
-    p0 = p1;
+  } else {
+    // Every column in turn: only those whose pivot row is listed matter.
+    int32_t p0 = lsor[1];
+    for (int32_t k = 1; k <= nCols; ++k) {
+      const int32_t p1 = lsor[k + 1];
+      if (p0 != p1 && mk[lpiv[p0]] != 0) {
+        const double x = W[lpiv[p0]];
+        if (x != 0.0) {
+          for (int32_t p = p0; p < p1; ++p) {
+            const int32_t r = lrow[p];
+            W[r] -= lmat[p] * x;
+            if (mk[r] == 0) {
+              mk[r] = 1;
+              lst[++len] = r;
+            }
+          }
+        }
+      }
+      p0 = p1;
+    }
   }
 
   // Row etas, dot form.

@@ -25,7 +25,15 @@ void Solve_Ftran_Listed(VMI *vmi, RVec &w, int32_t len);
 // the solve a list (Solve_Ftran_Listed) rather than the full vector.
 int32_t Listed_Rhs_Limit(int32_t numRow);
 // L_Solve that keeps the list of nonzero rows (marks: 1 for a listed row).
-// Returns the new list length.
-int32_t L_Solve_Sparse(VMI *vmi, RVec &w, IntVec &list, IntVec &marks, int32_t listLen);
+// Returns the new list length.  With `lcol`, the map from a row to the L
+// column whose pivot row it is (0 for none; Build_L_Column_Map), only the
+// columns that the list reaches are visited; without it every column is.
+int32_t L_Solve_Sparse(VMI *vmi, RVec &w, IntVec &list, IntVec &marks, int32_t listLen,
+                       const int32_t *lcol = nullptr);
+// Fills lcol(1..NumRow) with the L column of the factorization whose pivot
+// row each row is (empty columns left out), 0 for a row with none.  False,
+// and lcol(1) = -1, when a row is the pivot row of two columns: such a map
+// cannot stand for the L-file.
+bool Build_L_Column_Map(VMI *vmi, int32_t *lcol);
 
 }  // namespace vlu

@@ -7,7 +7,8 @@
 //   column VIM%Cbto(p) = VIM%Rwcl(Rnto(p)) stands there.
 //   Work vectors, clear between updates: VIM%WorkZ (values by row or
 //   column), VIM%HelpZ (marks), VIM%HelpI (lists); IIN%Cpnx and IIN%Cppr are
-//   borrowed as lists.
+//   borrowed as lists, IIN%Rppr holds the map from a row to its L column
+//   from the first update after a factorization to the next factorization.
 //
 // The entering column goes through L (the spike) and replaces the leaving
 // column in both copies of U.  The range from the leaving position to the
@@ -290,6 +291,12 @@ bool Update_Inverse(VMI *vmi, int32_t incoming, int32_t leaving) {
       }
     }
 
+    // The map from a row to its L column, for the transformation of the
+    // spike: the L columns stay as they are until the next factorization,
+    // after which this is the first update again.  It lives in IIN%Rppr,
+    // which only the factorization uses otherwise.
+    if (vim->Updates_Done == 1) Build_L_Column_Map(vmi, vmi->Iin->Rppr.V);
+
     // 2. The tolerances of this update.
     st.Pivmin = std::max(vmi->Rtpiva, std::sqrt(vim->Min_Pivot * vmi->Rtpiva));
     st.Uumax = std::max(2.0 * vim->Max_UFac, vmi->U_Ratio_Floor);
@@ -361,7 +368,11 @@ bool Update_Inverse(VMI *vmi, int32_t incoming, int32_t leaving) {
     }
 
     // 7. Through L and the row etas: the spike.
-    len = L_Solve_Sparse(vmi, vim->WorkZ, vim->HelpI, vim->HelpZ, len);
+    {
+      const int32_t *lcol = vmi->Iin->Rppr.V;
+      len = L_Solve_Sparse(vmi, vim->WorkZ, vim->HelpI, vim->HelpZ, len,
+                           lcol[1] >= 0 ? lcol : nullptr);
+    }
     if (st.Trace >= 1) Doc(vmi, "Updating the incoming column, Length=%d", len);
     if (st.Trace >= 2) {
       Doc(vmi, "The structure of the updated spike in compressed form:");
