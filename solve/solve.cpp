@@ -195,13 +195,103 @@ namespace {
 // the full forms are cheaper than the search of the rows.
 constexpr int32_t Listed_Share = 10;
 
+// The index of the lowest set bit of a nonzero word.
+inline int32_t Lowest_Bit(uint32_t word) {
+#if defined(__GNUC__) || defined(__clang__)
+  return __builtin_ctz(word);
+#else
+  int32_t b = 0;
+  while (((word >> b) & 1u) == 0) ++b;
+  return b;
+#endif
+}
+
+// The index of the highest set bit of a nonzero word.
+inline int32_t Highest_Bit(uint32_t word) {
+#if defined(__GNUC__) || defined(__clang__)
+  return 31 - __builtin_clz(word);
+#else
+  int32_t b = 31;
+  while ((word >> b) == 0) --b;
+  return b;
+#endif
+}
+
+// The L columns on a vector whose rows off the list hold +0: every column
+// whose pivot row is listed and not zero is applied, in increasing order,
+// and the rows it reaches join the list (marks 1).  With `lcol`, the map
+// from a row to the L column it pivots (Build_L_Column_Map), the columns
+// are found through a bit set of column numbers borrowed from IIN%Cpnx; a
+// row listed by column k has its own column, if any, behind k, and a
+// column before k whose pivot row is listed only now would have met a zero
+// there, as in the sweep.  Without it every column is looked at.
+int32_t L_Columns_Listed(VMI *vmi, double *W, int32_t *lst, int32_t *mk, int32_t len,
+                         const int32_t *lcol) {
+  const LUF *luf = vmi->Luf;
+  const int32_t *lsor = luf->Lsor.V;
+  const int32_t *lrow = luf->Lrow.V;
+  const int32_t *lpiv = luf->Lpiv.V;
+  const double *lmat = luf->Lmat.Val;
+  const int32_t nCols = luf->L_Cols;
+  if (lcol == nullptr) {
+    int32_t p0 = lsor[1];
+    for (int32_t k = 1; k <= nCols; ++k) {
+      const int32_t p1 = lsor[k + 1];
+      if (p0 != p1 && mk[lpiv[p0]] != 0) {
+        const double x = W[lpiv[p0]];
+        if (x != 0.0) {
+          for (int32_t p = p0; p < p1; ++p) {
+            const int32_t r = lrow[p];
+            W[r] -= lmat[p] * x;
+            if (mk[r] == 0) {
+              mk[r] = 1;
+              lst[++len] = r;
+            }
+          }
+        }
+      }
+      p0 = p1;
+    }
+    return len;
+  }
+  uint32_t *bits = reinterpret_cast<uint32_t *>(vmi->Iin->Cpnx.V + 1);
+  const int32_t words = (nCols >> 5) + 1;
+  std::memset(bits, 0, sizeof(uint32_t) * static_cast<size_t>(words));
+  for (int32_t i = 1; i <= len; ++i) {
+    const int32_t k = lcol[lst[i]];
+    if (k > 0) bits[k >> 5] |= 1u << (k & 31);
+  }
+  for (int32_t wd = 0; wd < words; ++wd) {
+    while (bits[wd] != 0) {
+      const int32_t b = Lowest_Bit(bits[wd]);
+      bits[wd] &= ~(1u << b);
+      const int32_t k = (wd << 5) + b;
+      const int32_t p0 = lsor[k], p1 = lsor[k + 1];
+      const double x = W[lpiv[p0]];
+      if (x == 0.0) continue;
+      for (int32_t p = p0; p < p1; ++p) {
+        const int32_t r = lrow[p];
+        W[r] -= lmat[p] * x;
+        if (mk[r] == 0) {
+          mk[r] = 1;
+          lst[++len] = r;
+          const int32_t kr = lcol[r];
+          if (kr > k) bits[kr >> 5] |= 1u << (kr & 31);
+        }
+      }
+    }
+  }
+  return len;
+}
+
 // L_Solve on a vector whose rows off the list hold +0, extending the list
 // (marks 1) by every row that the stage may make nonzero.  The arithmetic is
 // that of L_Solve; where L_Solve takes the element form for the L columns,
 // a column whose pivot value is zero is skipped here, which changes at most
 // the sign of a zero, and every zero leaves the solve as +0.  Rows that get
 // no element stay +0 and off the list.
-int32_t L_Solve_Listed(VMI *vmi, double *W, int32_t *lst, int32_t *mk, int32_t len) {
+int32_t L_Solve_Listed(VMI *vmi, double *W, int32_t *lst, int32_t *mk, int32_t len,
+                       const int32_t *lcol) {
   LUF *luf = vmi->Luf;
   const int32_t *lsor = luf->Lsor.V;
   const int32_t *lrow = luf->Lrow.V;
@@ -210,24 +300,7 @@ int32_t L_Solve_Listed(VMI *vmi, double *W, int32_t *lst, int32_t *mk, int32_t l
   const int32_t nCols = luf->L_Cols;
   const int32_t m = lsor[nCols + 1] - 1;
 
-  int32_t p0 = lsor[1];
-  for (int32_t k = 1; k <= nCols; ++k) {
-    const int32_t p1 = lsor[k + 1];
-    if (p0 != p1 && mk[lpiv[p0]] != 0) {
-      const double x = W[lpiv[p0]];
-      if (x != 0.0) {
-        for (int32_t p = p0; p < p1; ++p) {
-          const int32_t r = lrow[p];
-          W[r] -= lmat[p] * x;
-          if (mk[r] == 0) {
-            mk[r] = 1;
-            lst[++len] = r;
-          }
-        }
-      }
-    }
-    p0 = p1;
-  }
+  len = L_Columns_Listed(vmi, W, lst, mk, len, lcol);
 
   const int32_t used = luf->LFileUsed;
   const int32_t e = used - m;
@@ -267,27 +340,6 @@ int32_t L_Solve_Listed(VMI *vmi, double *W, int32_t *lst, int32_t *mk, int32_t l
   return len;
 }
 
-// The index of the lowest set bit of a nonzero word.
-inline int32_t Lowest_Bit(uint32_t word) {
-#if defined(__GNUC__) || defined(__clang__)
-  return __builtin_ctz(word);
-#else
-  int32_t b = 0;
-  while (((word >> b) & 1u) == 0) ++b;
-  return b;
-#endif
-}
-
-// The index of the highest set bit of a nonzero word.
-inline int32_t Highest_Bit(uint32_t word) {
-#if defined(__GNUC__) || defined(__clang__)
-  return 31 - __builtin_clz(word);
-#else
-  int32_t b = 31;
-  while ((word >> b) == 0) --b;
-  return b;
-#endif
-}
 
 }  // namespace
 
@@ -313,7 +365,13 @@ void Solve_Ftran_Listed(VMI *vmi, RVec &w, int32_t len) {
   const double *ucmat = luf->Ucmat.Val;
   const int32_t cap = n / Listed_Share;
 
-  len = L_Solve_Listed(vmi, W, lst, mk, len);
+  // The map from a row to its L column stands from the first update after
+  // a factorization, which makes it, to the next factorization, which
+  // leaves Updates_Done at 0 or at Max_Updates.
+  const int32_t done = vim->Updates_Done;
+  const int32_t *lcol = vmi->Iin->Rppr.V;
+  const bool mapped = done >= 1 && done < vmi->Max_Updates && lcol[1] >= 0;
+  len = L_Solve_Listed(vmi, W, lst, mk, len, mapped ? lcol : nullptr);
   const double t1 = timing ? Clock_Read(vmi) : 0.0;
   if (timing) {
     vim->Calls_L_Solve += 1;
@@ -427,60 +485,7 @@ int32_t L_Solve_Sparse(VMI *vmi, RVec &w, IntVec &list, IntVec &marks, int32_t l
   int32_t len = listLen;
 
   // L columns, column form.
-  if (lcol != nullptr) {
-    // The columns whose pivot row is listed, in increasing order, through a
-    // bit set of column numbers borrowed from IIN%Cpnx (the update writes
-    // it only later).  A row listed by column k has its own column, if any,
-    // behind k; a column before the current one whose pivot row becomes
-    // listed only now would have met a zero there, as in the sweep below.
-    uint32_t *bits = reinterpret_cast<uint32_t *>(vmi->Iin->Cpnx.V + 1);
-    const int32_t words = (nCols >> 5) + 1;
-    std::memset(bits, 0, sizeof(uint32_t) * static_cast<size_t>(words));
-    for (int32_t i = 1; i <= len; ++i) {
-      const int32_t k = lcol[lst[i]];
-      if (k > 0) bits[k >> 5] |= 1u << (k & 31);
-    }
-    for (int32_t wd = 0; wd < words; ++wd) {
-      while (bits[wd] != 0) {
-        const int32_t b = Lowest_Bit(bits[wd]);
-        bits[wd] &= ~(1u << b);
-        const int32_t k = (wd << 5) + b;
-        const int32_t p0 = lsor[k], p1 = lsor[k + 1];
-        const double x = W[lpiv[p0]];
-        if (x == 0.0) continue;
-        for (int32_t p = p0; p < p1; ++p) {
-          const int32_t r = lrow[p];
-          W[r] -= lmat[p] * x;
-          if (mk[r] == 0) {
-            mk[r] = 1;
-            lst[++len] = r;
-            const int32_t kr = lcol[r];
-            if (kr > k) bits[kr >> 5] |= 1u << (kr & 31);
-          }
-        }
-      }
-    }
-  } else {
-    // Every column in turn: only those whose pivot row is listed matter.
-    int32_t p0 = lsor[1];
-    for (int32_t k = 1; k <= nCols; ++k) {
-      const int32_t p1 = lsor[k + 1];
-      if (p0 != p1 && mk[lpiv[p0]] != 0) {
-        const double x = W[lpiv[p0]];
-        if (x != 0.0) {
-          for (int32_t p = p0; p < p1; ++p) {
-            const int32_t r = lrow[p];
-            W[r] -= lmat[p] * x;
-            if (mk[r] == 0) {
-              mk[r] = 1;
-              lst[++len] = r;
-            }
-          }
-        }
-      }
-      p0 = p1;
-    }
-  }
+  len = L_Columns_Listed(vmi, W, lst, mk, len, lcol);
 
   // Row etas, dot form.
   const int32_t groups = luf->L_Groups;

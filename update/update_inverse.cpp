@@ -266,6 +266,13 @@ bool Update_Inverse(VMI *vmi, int32_t incoming, int32_t leaving) {
   bool error = false;
   // Counted whether the update then succeeds or not.
   vim->Updates_Done += 1;
+  // The map from a row to its L column, for the transformation of the spike
+  // here and for the solves: the L columns stay as they are until the next
+  // factorization, which leaves Updates_Done at 0 (or at Max_Updates, and
+  // then no update follows it), so this is the first update after it.  It
+  // lives in IIN%Rppr, which only the factorization uses otherwise, and is
+  // made again when the clean-up below takes elements out of L.
+  if (vim->Updates_Done == 1) Build_L_Column_Map(vmi, vmi->Iin->Rppr.V);
 
   // The whole update is one pass through these steps; `break` leaves for
   // the end with `error` or a failure flag set.
@@ -283,6 +290,7 @@ bool Update_Inverse(VMI *vmi, int32_t incoming, int32_t leaving) {
         break;
       }
       RemoveZerosfromL(vmi);
+      Build_L_Column_Map(vmi, vmi->Iin->Rppr.V);
       Zero_Real(vim->WorkZ.Val, n + 1);
       vim->UL_Cleaned = true;
       if (debug && !Check_U_Copies(vmi)) {
@@ -290,12 +298,6 @@ bool Update_Inverse(VMI *vmi, int32_t incoming, int32_t leaving) {
         break;
       }
     }
-
-    // The map from a row to its L column, for the transformation of the
-    // spike: the L columns stay as they are until the next factorization,
-    // after which this is the first update again.  It lives in IIN%Rppr,
-    // which only the factorization uses otherwise.
-    if (vim->Updates_Done == 1) Build_L_Column_Map(vmi, vmi->Iin->Rppr.V);
 
     // 2. The tolerances of this update.
     st.Pivmin = std::max(vmi->Rtpiva, std::sqrt(vim->Min_Pivot * vmi->Rtpiva));
