@@ -195,6 +195,16 @@ namespace {
 // the full forms are cheaper than the search of the rows.
 constexpr int32_t Listed_Share = 10;
 
+// Zeroes the first `words` words of a bit set; a call to memset costs more
+// than a short loop.
+inline void Clear_Words(uint32_t *bits, int32_t words) {
+  if (words > 16) {
+    std::memset(bits, 0, sizeof(uint32_t) * static_cast<size_t>(words));
+    return;
+  }
+  for (int32_t i = 0; i < words; ++i) bits[i] = 0;
+}
+
 // The index of the lowest set bit of a nonzero word.
 inline int32_t Lowest_Bit(uint32_t word) {
 #if defined(__GNUC__) || defined(__clang__)
@@ -233,7 +243,9 @@ int32_t L_Columns_Listed(VMI *vmi, double *W, int32_t *lst, int32_t *mk, int32_t
   const int32_t *lpiv = luf->Lpiv.V;
   const double *lmat = luf->Lmat.Val;
   const int32_t nCols = luf->L_Cols;
-  if (lcol == nullptr) {
+  if (nCols == 0) return len;
+  // A few columns are swept faster than searched for.
+  if (lcol == nullptr || nCols < 64) {
     int32_t p0 = lsor[1];
     for (int32_t k = 1; k <= nCols; ++k) {
       const int32_t p1 = lsor[k + 1];
@@ -256,7 +268,7 @@ int32_t L_Columns_Listed(VMI *vmi, double *W, int32_t *lst, int32_t *mk, int32_t
   }
   uint32_t *bits = reinterpret_cast<uint32_t *>(vmi->Iin->Cpnx.V + 1);
   const int32_t words = (nCols >> 5) + 1;
-  std::memset(bits, 0, sizeof(uint32_t) * static_cast<size_t>(words));
+  Clear_Words(bits, words);
   for (int32_t i = 1; i <= len; ++i) {
     const int32_t k = lcol[lst[i]];
     if (k > 0) bits[k >> 5] |= 1u << (k & 31);
@@ -387,7 +399,7 @@ void Solve_Ftran_Listed(VMI *vmi, RVec &w, int32_t len) {
   const int32_t words = (n >> 5) + 1;
   bool full = len > cap;
   if (!full) {
-    std::memset(bits, 0, sizeof(uint32_t) * static_cast<size_t>(words));
+    Clear_Words(bits, words);
     for (int32_t i = 1; i <= len; ++i) {
       const int32_t k = rotn[lst[i]];
       bits[k >> 5] |= 1u << (k & 31);

@@ -312,7 +312,7 @@ TEST(SolveForms, ListedSolveMatchesTheFullSolve) {
       SCOPED_TRACE(::testing::Message() << "density " << density << " forms " << forms);
       Hand h(400, 31 + forms);
       h.Random_U(density);
-      for (int k = 1; k <= 30; ++k) h.cols.push_back(h.Random(k * 7, 4));
+      for (int k = 1; k <= 80; ++k) h.cols.push_back(h.Random(k * 4, 4));
       for (int len : {9, 3, 12, 0, 17}) h.etas.push_back(h.Random(1 + h.gen() % 400, len));
       h.Store();
       while ((forms & 1) == 0 ? h.Column_Form() : false) {

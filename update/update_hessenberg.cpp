@@ -164,11 +164,14 @@ void Trim_Singular_Cols(VMI *vmi, Upd_State &st) {
   }
   int32_t out = sf;
   int32_t moved = 0;  // list places before the last stretch thrown out
+  // A short range is swept one position at a time: looking for stretches
+  // costs more there than it saves.
+  const bool shortRange = sl - sf < 48;
   for (int32_t p = sf + 1; p <= sl; ++p) {
     if (helpz[p] == 0) {
       // Not reached: p (.. next - 1) move forward to out.
       moved = count;
-      if (helpz[p + 1] != 0) {
+      if (shortRange || helpz[p + 1] != 0) {
         o.Put(out, rnto[p], cnto[p], cbto[p]);
         ++out;
         continue;
