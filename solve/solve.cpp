@@ -398,7 +398,12 @@ void Solve_Ftran_Listed(VMI *vmi, RVec &w, int32_t len) {
   uint32_t *bits = reinterpret_cast<uint32_t *>(vmi->Iin->Cpnx.V + 1);
   const int32_t words = (n >> 5) + 1;
   bool full = len > cap;
-  if (!full) {
+  if (len == 0) {
+    // Nothing to solve: every entry is +0 already, as the full form leaves
+    // it (and the bit set is not touched, which an empty system lacks).
+    U_Solve_End(vmi, w, 0, 0.0, 0.0);
+    if (timing) vim->Calls_Vdsuxy += 1;
+  } else if (!full) {
     Clear_Words(bits, words);
     for (int32_t i = 1; i <= len; ++i) {
       const int32_t k = rotn[lst[i]];
@@ -421,7 +426,7 @@ void Solve_Ftran_Listed(VMI *vmi, RVec &w, int32_t len) {
   if (full) {
     for (int32_t i = 1; i <= len; ++i) mk[lst[i]] = 0;
     Vdsuxy(vmi, w);
-  } else {
+  } else if (len > 0) {
     int32_t numNz = 0;  // the list is read no more: it takes the nonzeros
     double maxAbs = 0.0, sumAbs = 0.0;
     for (int32_t wd = words - 1; wd >= 0; --wd) {
