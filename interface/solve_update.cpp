@@ -1,5 +1,4 @@
 // The exported solve and update calls.
-#include <algorithm>
 #include <cfloat>
 #include <cstring>
 #include <cstdint>

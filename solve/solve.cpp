@@ -6,10 +6,12 @@
 // every column.  The solve of a right-hand side with few nonzeros keeps
 // its rows in VIM%HelpI (marks in VIM%HelpZ, clear on return) and the
 // positions U reaches as a bit set in IIN%Cpnx, which only the update uses
-// otherwise and always writes before it reads.
+// otherwise and always writes before it reads.  The sparse L stages keep
+// the L columns still to visit as a bit set there too, found through the
+// map IIN%Rppr(row) = the L column whose pivot row it is (made by the
+// first update after each factorization).
 #include "solve/solve.h"
 
-#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstring>

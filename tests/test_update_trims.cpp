@@ -1,6 +1,9 @@
 // The two trims of the update against a plain sweep written here, position
 // by position, on factored triangular bases: the order vectors (Rnto, Cnto,
 // their inverses and Cbto), the range left, and clear marks afterwards.
+// Data: VIM%Rnto/Cnto/Rotn/Cotn/Cbto (copied before, restored after each
+// range), the row and column copies of U (read only), VIM%HelpZ (marks by
+// position, clear before and after), VIM%HelpI and IIN%Cpnx/Cppr (lists).
 // The bases run from a few slacks (the sweeps reach most positions) to
 // nearly all slacks (long stretches that no sweep reaches).  The backward
 // sweep starts from a column with rows inside the range, as a spike has.
