@@ -4,6 +4,9 @@
 #include <cstring>
 #include <cstdint>
 #include <cstdio>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "factor/factor.h"
 #include "interface/state.h"
@@ -41,6 +44,114 @@ struct Own_Exception {
   explicit Own_Exception(vlu::VMI *e) : env(e), earlier(e->Exception) { e->Exception = 0; }
   ~Own_Exception() { env->Exception = std::max(earlier, env->Exception); }
 };
+// Plain loops over blocks of eight, which the compiler turns into vector
+// moves; the tails one by one.
+void Copy_Block(const double *src, double *dst, int32_t n) {
+  int32_t i = 0;
+  for (; i + 8 <= n; i += 8)
+    for (int k = 0; k < 8; ++k) dst[i + k] = src[i + k];
+  for (; i < n; ++i) dst[i] = src[i];
+}
+
+void Copy_Block2(const double *src, double *dst1, double *dst2, int32_t n) {
+  int32_t i = 0;
+  for (; i + 8 <= n; i += 8)
+    for (int k = 0; k < 8; ++k) {
+      const double v = src[i + k];
+      dst1[i + k] = v;
+      dst2[i + k] = v;
+    }
+  for (; i < n; ++i) dst1[i] = dst2[i] = src[i];
+}
+
+void Fill_Block(double *dst, int32_t n, double value) {
+  int32_t i = 0;
+  for (; i + 8 <= n; i += 8)
+    for (int k = 0; k < 8; ++k) dst[i + k] = value;
+  for (; i < n; ++i) dst[i] = value;
+}
+
+inline uint64_t Bits(double v) {
+  uint64_t b;
+  std::memcpy(&b, &v, sizeof b);
+  return b;
+}
+
+// Copies the eight values at src into dst (and dst2 when Save); true when
+// one of them is not +0.
+template <bool Save>
+inline bool Copy_Eight(const double *src, double *dst, double *dst2) {
+#if defined(__SSE2__)
+  const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src));
+  const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + 2));
+  const __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + 4));
+  const __m128i d = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + 6));
+  _mm_storeu_si128(reinterpret_cast<__m128i *>(dst), a);
+  _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + 2), b);
+  _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + 4), c);
+  _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + 6), d);
+  if (Save) {
+    _mm_storeu_si128(reinterpret_cast<__m128i *>(dst2), a);
+    _mm_storeu_si128(reinterpret_cast<__m128i *>(dst2 + 2), b);
+    _mm_storeu_si128(reinterpret_cast<__m128i *>(dst2 + 4), c);
+    _mm_storeu_si128(reinterpret_cast<__m128i *>(dst2 + 6), d);
+  }
+  const __m128i o = _mm_or_si128(_mm_or_si128(a, b), _mm_or_si128(c, d));
+  return _mm_movemask_epi8(_mm_cmpeq_epi8(o, _mm_setzero_si128())) != 0xFFFF;
+#else
+  uint64_t any = 0;
+  for (int k = 0; k < 8; ++k) {
+    const double v = src[k];
+    any |= Bits(v);
+    dst[k] = v;
+    if (Save) dst2[k] = v;
+  }
+  return any != 0;
+#endif
+}
+
+// Copies rhs(0..n-1) into w(1..n), and into save(1..n) when Save, and lists
+// the rows whose entries are not +0 (a -0 too) in list(1..) with marks(row)
+// = 1, as long as there are at most `cap` of them.  Returns their number, or
+// -1 when there are more; the marks are then clear again.
+template <bool Save>
+int32_t Copy_Listing(const double *rhs, double *w, double *save, int32_t n, int32_t *list,
+                     int32_t *marks, int32_t cap) {
+  int32_t len = 0;
+  for (int32_t i = 0; i < n; i += 8) {
+    const int32_t b = n - i < 8 ? n - i : 8;
+    bool any = false;
+    if (b == 8) {
+      any = Copy_Eight<Save>(rhs + i, w + 1 + i, Save ? save + 1 + i : nullptr);
+    } else {
+      for (int k = 0; k < b; ++k) {
+        const double v = rhs[i + k];
+        any = any || Bits(v) != 0;
+        w[i + 1 + k] = v;
+        if (Save) save[i + 1 + k] = v;
+      }
+    }
+    if (!any) continue;
+    for (int k = 0; k < b; ++k) {
+      if (Bits(rhs[i + k]) == 0) continue;
+      if (len == cap) {
+        // Too many: the solve takes the full form.
+        for (int32_t t = 1; t <= len; ++t) marks[list[t]] = 0;
+        i += 8;
+        if (i < n) {
+          if (Save)
+            Copy_Block2(rhs + i, w + 1 + i, save + 1 + i, n - i);
+          else
+            Copy_Block(rhs + i, w + 1 + i, n - i);
+        }
+        return -1;
+      }
+      list[++len] = i + 1 + k;
+      marks[i + 1 + k] = 1;
+    }
+  }
+  return len;
+}
 
 }  // namespace
 
@@ -52,26 +163,54 @@ extern "C" VLU_API int vlu_solve(double *sol, const double *rhs) {
   const int32_t n = s.numRows;
 
   double *w = vim->Work1.Val;
-  for (int32_t i = 1; i <= n; ++i) w[i] = rhs[i - 1];
   // While column t is unknown, the last right-hand side is what t becomes
-  // should it ever enter the basis.
-  if (!s.rKnown) {
-    double *rs = s.rSave;
-    for (int32_t i = 1; i <= n; ++i) rs[i] = rhs[i - 1];
+  // should it ever enter the basis.  A right-hand side with few nonzeros
+  // (the column of a pivoting step) is solved through its list of rows.
+  // The count of nonzeros of the last solution tells whether the list is
+  // worth trying: a solve that reached many rows is likely followed by
+  // another.
+  int32_t *list = vim->HelpI.V, *marks = vim->HelpZ.V;
+  const int32_t cap = vlu::Listed_Rhs_Limit(n);
+  int32_t len = -1;
+  if (vim->Num_UpNz > cap) {
+    if (s.rKnown)
+      Copy_Block(rhs, w + 1, n);
+    else
+      Copy_Block2(rhs, w + 1, s.rSave + 1, n);
+  } else {
+    len = s.rKnown ? Copy_Listing<false>(rhs, w, nullptr, n, list, marks, cap)
+                   : Copy_Listing<true>(rhs, w, s.rSave, n, list, marks, cap);
   }
-
-  vlu::Solve_Ftran(env, vim->Work1);
+  if (len >= 0)
+    vlu::Solve_Ftran_Listed(env, vim->Work1, len);
+  else
+    vlu::Solve_Ftran(env, vim->Work1);
 
   // Nonbasic columns read the largest double; the caller tells them by it.
   const int32_t total = 2 * n + 1;
-  for (int32_t j = 0; j < total; ++j) sol[j] = DBL_MAX;
+  Fill_Block(sol, total, DBL_MAX);
+  // Every row's column must be basic.  The statuses are or-ed together and
+  // tested once, after the values are out: a bad one stops the process all
+  // the same.
   const int32_t *rwcl = vim->Rwcl.V;
   const int32_t *basc = vim->Basc.V;
-  for (int32_t i = 1; i <= n; ++i) {
+  int32_t bad = 0;
+  int32_t i = 1;
+  for (; i + 3 <= n; i += 4) {
+    const int32_t j0 = rwcl[i], j1 = rwcl[i + 1], j2 = rwcl[i + 2], j3 = rwcl[i + 3];
+    bad |= (basc[j0] ^ vlu::IBasic) | (basc[j1] ^ vlu::IBasic) | (basc[j2] ^ vlu::IBasic) |
+           (basc[j3] ^ vlu::IBasic);
+    sol[j0 - 1] = w[i];
+    sol[j1 - 1] = w[i + 1];
+    sol[j2 - 1] = w[i + 2];
+    sol[j3 - 1] = w[i + 3];
+  }
+  for (; i <= n; ++i) {
     const int32_t j = rwcl[i];
-    if (basc[j] != vlu::IBasic) vlu::Hard_Stop("Basis Bogus AAA");
+    bad |= basc[j] ^ vlu::IBasic;
     sol[j - 1] = w[i];
   }
+  if (bad != 0) vlu::Hard_Stop("Basis Bogus AAA");
   return 0;
 }
 

@@ -3,6 +3,9 @@
 // error otherwise.  The inner forms have no guard.
 #pragma once
 #include <cstdint>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 #include "runtime/records.h"
 
 namespace vlu {
@@ -39,8 +42,21 @@ void Copy_Int(const int32_t *s1, int32_t *t1, int32_t n);
 // First index in from..to of v1 holding value, or 0.
 int32_t Find_Int(const int32_t *v1, int32_t from, int32_t to, int32_t value);
 // The linear search used across the update (same contract as Find_Int).
+// Four at a time where the vector unit allows and the stretch is long; the
+// first match either way.
 inline int32_t Int_Lookup(const int32_t *v1, int32_t first, int32_t last, int32_t value) {
-  for (int32_t i = first; i <= last; ++i)
+  int32_t i = first;
+#if defined(__SSE2__) && (defined(__GNUC__) || defined(__clang__))
+  if (last - first >= 7) {
+    const __m128i key = _mm_set1_epi32(value);
+    for (; i + 3 <= last; i += 4) {
+      const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i *>(v1 + i));
+      const int hit = _mm_movemask_ps(_mm_castsi128_ps(_mm_cmpeq_epi32(x, key)));
+      if (hit != 0) return i + __builtin_ctz(static_cast<unsigned>(hit));
+    }
+  }
+#endif
+  for (; i <= last; ++i)
     if (v1[i] == value) return i;
   return 0;
 }

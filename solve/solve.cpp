@@ -3,11 +3,18 @@
 // L stands in the L-file as eta columns (LUF%Lsor addresses them), followed
 // by the row etas that updates append (LUF%Lstr addresses those).  U stands
 // in its column copy (LUF%Cstr, LUF%Clen, LUF%Ir, LUF%Ucmat), pivot first in
-// every column.
+// every column.  The solve of a right-hand side with few nonzeros keeps
+// its rows in VIM%HelpI (marks in VIM%HelpZ, clear on return) and the
+// positions U reaches as a bit set in IIN%Cpnx, which only the update uses
+// otherwise and always writes before it reads.  The sparse L stages keep
+// the L columns still to visit as a bit set there too, found through the
+// map IIN%Rppr(row) = the L column whose pivot row it is (made by the
+// first update after each factorization).
 #include "solve/solve.h"
 
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 
 #include "factor/factor.h"
 #include "runtime/clock.h"
@@ -40,6 +47,31 @@ inline double Eta_Dot(const double *lmat, const int32_t *lpiv, const double *w,
   double sum = s0 + s1 + s2 + s3 + s4 + s5 + s6 + s7;
   for (; p <= to; ++p) sum += lmat[p] * w[lpiv[p]];
   return sum;
+}
+
+// Magnitude of the last NaN among the listed rows, in list order.
+double Last_NaN_Magnitude(const double *w, const int32_t *list, int32_t len) {
+  double m = 0.0;
+  for (int32_t i = 1; i <= len; ++i)
+    if (w[list[i]] != w[list[i]]) m = std::fabs(w[list[i]]);
+  return m;
+}
+
+// The end of the U stage: the count and the largest magnitude of the
+// nonzeros, and the repair of the tolerances after a NaN or a huge value.
+// `sumAbs` is the sum of the magnitudes: a sum of non-negative terms turns
+// NaN only through a NaN term.  A NaN, once seen, is the maximum: the last
+// one met, as a running maximum that takes every NaN would keep it.
+void U_Solve_End(VMI *vmi, RVec &w, int32_t numNz, double maxAbs, double sumAbs) {
+  VIM *vim = vmi->Vim;
+  if (sumAbs != sumAbs) maxAbs = Last_NaN_Magnitude(w.Val, vim->HelpI.V, numNz);
+  vim->Num_UpNz = numNz;
+  vim->Max_UpCol = maxAbs;
+  if (maxAbs != maxAbs || maxAbs >= 1.0e100) {
+    if (vmi->Trace_Inv >= 1) Doc(vmi, "DefNan called from Vdsuxy. Max_UpCol=%15.7E", maxAbs);
+    if (vmi->Trace_Inv >= 2) PS_RVec(vmi, w, "VIM%Work1", vim->NumRow);
+    DefNan(vmi);
+  }
 }
 
 }  // namespace
@@ -118,7 +150,9 @@ void Vdsuxy(VMI *vmi, RVec &w) {
   int32_t *helpi = vim->HelpI.V;
 
   int32_t numNz = 0;
-  double maxAbs = 0.0;
+  // The largest magnitude, and beside it the sum of all magnitudes, which
+  // tells after the loop whether a NaN came out, without a test per row.
+  double maxAbs = 0.0, sumAbs = 0.0;
   for (int32_t k = n; k >= 1; --k) {
     const int32_t r = rnto[k];
     double x = W[r];
@@ -132,20 +166,12 @@ void Vdsuxy(VMI *vmi, RVec &w) {
     W[r] = x;
     helpi[++numNz] = r;
     const double ax = std::fabs(x);
-    // A NaN, once seen, stays the maximum.
-    if (ax > maxAbs || ax != ax) maxAbs = ax;
+    maxAbs = ax > maxAbs ? ax : maxAbs;
+    sumAbs += ax;
     const int32_t qEnd = q + clen[c];
     for (int32_t p = q + 1; p < qEnd; ++p) W[ir[p]] -= ucmat[p] * x;
   }
-  vim->Num_UpNz = numNz;
-  vim->Max_UpCol = maxAbs;
-
-  if (maxAbs != maxAbs || maxAbs >= 1.0e100) {
-    if (vmi->Trace_Inv >= 1) Doc(vmi, "DefNan called from Vdsuxy. Max_UpCol=%15.7E", maxAbs);
-    if (vmi->Trace_Inv >= 2) PS_RVec(vmi, w, "VIM%Work1", n);
-    DefNan(vmi);
-  }
-
+  U_Solve_End(vmi, w, numNz, maxAbs, sumAbs);
   if (timing) {
     vim->Calls_Vdsuxy += 1;
     vim->Time_Vdsuxy += Clock_Read(vmi) - t0;
@@ -165,7 +191,303 @@ void Solve_Ftran(VMI *vmi, RVec &w) {
   }
 }
 
-int32_t L_Solve_Sparse(VMI *vmi, RVec &w, IntVec &list, IntVec &marks, int32_t listLen) {
+namespace {
+
+// Share of NumRow up to which a solve keeps to the rows it reaches: past it
+// the full forms are cheaper than the search of the rows.
+constexpr int32_t Listed_Share = 10;
+
+// Zeroes the first `words` words of a bit set; a call to memset costs more
+// than a short loop.
+inline void Clear_Words(uint32_t *bits, int32_t words) {
+  if (words > 16) {
+    std::memset(bits, 0, sizeof(uint32_t) * static_cast<size_t>(words));
+    return;
+  }
+  for (int32_t i = 0; i < words; ++i) bits[i] = 0;
+}
+
+// The index of the lowest set bit of a nonzero word.
+inline int32_t Lowest_Bit(uint32_t word) {
+#if defined(__GNUC__) || defined(__clang__)
+  return __builtin_ctz(word);
+#else
+  int32_t b = 0;
+  while (((word >> b) & 1u) == 0) ++b;
+  return b;
+#endif
+}
+
+// The index of the highest set bit of a nonzero word.
+inline int32_t Highest_Bit(uint32_t word) {
+#if defined(__GNUC__) || defined(__clang__)
+  return 31 - __builtin_clz(word);
+#else
+  int32_t b = 31;
+  while ((word >> b) == 0) --b;
+  return b;
+#endif
+}
+
+// The L columns on a vector whose rows off the list hold +0: every column
+// whose pivot row is listed and not zero is applied, in increasing order,
+// and the rows it reaches join the list (marks 1).  With `lcol`, the map
+// from a row to the L column it pivots (Build_L_Column_Map), the columns
+// are found through a bit set of column numbers borrowed from IIN%Cpnx; a
+// row listed by column k has its own column, if any, behind k, and a
+// column before k whose pivot row is listed only now would have met a zero
+// there, as in the sweep.  Without it every column is looked at.
+int32_t L_Columns_Listed(VMI *vmi, double *W, int32_t *lst, int32_t *mk, int32_t len,
+                         const int32_t *lcol) {
+  const LUF *luf = vmi->Luf;
+  const int32_t *lsor = luf->Lsor.V;
+  const int32_t *lrow = luf->Lrow.V;
+  const int32_t *lpiv = luf->Lpiv.V;
+  const double *lmat = luf->Lmat.Val;
+  const int32_t nCols = luf->L_Cols;
+  if (nCols == 0) return len;
+  // A few columns are swept faster than searched for.
+  if (lcol == nullptr || nCols < 64) {
+    int32_t p0 = lsor[1];
+    for (int32_t k = 1; k <= nCols; ++k) {
+      const int32_t p1 = lsor[k + 1];
+      if (p0 != p1 && mk[lpiv[p0]] != 0) {
+        const double x = W[lpiv[p0]];
+        if (x != 0.0) {
+          for (int32_t p = p0; p < p1; ++p) {
+            const int32_t r = lrow[p];
+            W[r] -= lmat[p] * x;
+            if (mk[r] == 0) {
+              mk[r] = 1;
+              lst[++len] = r;
+            }
+          }
+        }
+      }
+      p0 = p1;
+    }
+    return len;
+  }
+  uint32_t *bits = reinterpret_cast<uint32_t *>(vmi->Iin->Cpnx.V + 1);
+  const int32_t words = (nCols >> 5) + 1;
+  Clear_Words(bits, words);
+  for (int32_t i = 1; i <= len; ++i) {
+    const int32_t k = lcol[lst[i]];
+    if (k > 0) bits[k >> 5] |= 1u << (k & 31);
+  }
+  for (int32_t wd = 0; wd < words; ++wd) {
+    while (bits[wd] != 0) {
+      const int32_t b = Lowest_Bit(bits[wd]);
+      bits[wd] &= ~(1u << b);
+      const int32_t k = (wd << 5) + b;
+      const int32_t p0 = lsor[k], p1 = lsor[k + 1];
+      const double x = W[lpiv[p0]];
+      if (x == 0.0) continue;
+      for (int32_t p = p0; p < p1; ++p) {
+        const int32_t r = lrow[p];
+        W[r] -= lmat[p] * x;
+        if (mk[r] == 0) {
+          mk[r] = 1;
+          lst[++len] = r;
+          const int32_t kr = lcol[r];
+          if (kr > k) bits[kr >> 5] |= 1u << (kr & 31);
+        }
+      }
+    }
+  }
+  return len;
+}
+
+// L_Solve on a vector whose rows off the list hold +0, extending the list
+// (marks 1) by every row that the stage may make nonzero.  The arithmetic is
+// that of L_Solve; where L_Solve takes the element form for the L columns,
+// a column whose pivot value is zero is skipped here, which changes at most
+// the sign of a zero, and every zero leaves the solve as +0.  Rows that get
+// no element stay +0 and off the list.
+int32_t L_Solve_Listed(VMI *vmi, double *W, int32_t *lst, int32_t *mk, int32_t len,
+                       const int32_t *lcol) {
+  LUF *luf = vmi->Luf;
+  const int32_t *lsor = luf->Lsor.V;
+  const int32_t *lrow = luf->Lrow.V;
+  const int32_t *lpiv = luf->Lpiv.V;
+  const double *lmat = luf->Lmat.Val;
+  const int32_t nCols = luf->L_Cols;
+  const int32_t m = lsor[nCols + 1] - 1;
+
+  len = L_Columns_Listed(vmi, W, lst, mk, len, lcol);
+
+  const int32_t used = luf->LFileUsed;
+  const int32_t e = used - m;
+  const int32_t groups = luf->L_Groups;
+  if (e <= 0 && groups <= 0) return len;
+  // A target that the etas leave at zero is stored as +0, as the full solve
+  // would store it, and stays off the list.
+  auto target = [&](int32_t r) {
+    if (mk[r] != 0) return;
+    if (W[r] != 0.0) {
+      mk[r] = 1;
+      lst[++len] = r;
+    } else {
+      W[r] = 0.0;
+    }
+  };
+  if (5 * static_cast<int64_t>(groups) < static_cast<int64_t>(e)) {
+    // Dot form; an empty eta subtracts 0.0, which changes nothing.
+    const int32_t *lstr = luf->Lstr.V;
+    int32_t prevEnd = m;
+    for (int32_t g = 1; g <= groups; ++g) {
+      const int32_t last = lstr[g + 1] - 1;
+      const int32_t first = prevEnd + 1;
+      prevEnd = last;
+      if (last < first) continue;
+      const int32_t r = lrow[last];
+      W[r] -= Eta_Dot(lmat, lpiv, W, first, last);
+      target(r);
+    }
+  } else {
+    for (int32_t p = m + 1; p <= used; ++p) {
+      const int32_t r = lrow[p];
+      W[r] -= lmat[p] * W[lpiv[p]];
+      target(r);
+    }
+  }
+  return len;
+}
+
+
+}  // namespace
+
+int32_t Listed_Rhs_Limit(int32_t numRow) { return numRow / Listed_Share; }
+
+void Solve_Ftran_Listed(VMI *vmi, RVec &w, int32_t len) {
+  const bool timing = vmi->Timing;
+  const bool detail = timing && vmi->Timing_Detail;
+  const double t0 = timing ? Clock_Read(vmi) : 0.0;
+
+  VIM *vim = vmi->Vim;
+  LUF *luf = vmi->Luf;
+  double *W = w.Val;
+  const int32_t n = vim->NumRow;
+  int32_t *lst = vim->HelpI.V;
+  int32_t *mk = vim->HelpZ.V;
+  const int32_t *rnto = vim->Rnto.V;
+  const int32_t *rotn = vim->Rotn.V;
+  const int32_t *cnto = vim->Cnto.V;
+  const int32_t *cstr = luf->Cstr.V;
+  const int32_t *clen = luf->Clen.V;
+  const int32_t *ir = luf->Ir.V;
+  const double *ucmat = luf->Ucmat.Val;
+  const int32_t cap = n / Listed_Share;
+
+  // The map from a row to its L column stands from the first update after
+  // a factorization, which makes it, to the next factorization, which
+  // leaves Updates_Done at 0 or at Max_Updates.
+  const int32_t done = vim->Updates_Done;
+  const int32_t *lcol = vmi->Iin->Rppr.V;
+  const bool mapped = done >= 1 && done < vmi->Max_Updates && lcol[1] >= 0;
+  len = L_Solve_Listed(vmi, W, lst, mk, len, mapped ? lcol : nullptr);
+  const double t1 = timing ? Clock_Read(vmi) : 0.0;
+  if (timing) {
+    vim->Calls_L_Solve += 1;
+    vim->Time_L_Solve += t1 - t0;
+  }
+
+  // The rows that U reaches from the list: a row at position k reaches the
+  // rows of the column at k behind its pivot.  Their positions are marked
+  // in a bit set borrowed from IIN%Cpnx (free outside the update), which
+  // hands them back from the last to the first, the order of the full form:
+  // every value gets its updates in the same order.
+  uint32_t *bits = reinterpret_cast<uint32_t *>(vmi->Iin->Cpnx.V + 1);
+  const int32_t words = (n >> 5) + 1;
+  bool full = len > cap;
+  if (len == 0) {
+    // Nothing to solve: every entry is +0 already, as the full form leaves
+    // it (and the bit set is not touched, which an empty system lacks).
+    U_Solve_End(vmi, w, 0, 0.0, 0.0);
+    if (timing) vim->Calls_Vdsuxy += 1;
+  } else if (!full) {
+    Clear_Words(bits, words);
+    for (int32_t i = 1; i <= len; ++i) {
+      const int32_t k = rotn[lst[i]];
+      bits[k >> 5] |= 1u << (k & 31);
+      const int32_t c = cnto[k];
+      const int32_t q = cstr[c], qEnd = q + clen[c];
+      for (int32_t p = q + 1; p < qEnd; ++p) {
+        const int32_t r = ir[p];
+        if (mk[r] == 0) {
+          mk[r] = 1;
+          lst[++len] = r;
+        }
+      }
+      if (len > cap) {
+        full = true;
+        break;
+      }
+    }
+  }
+  if (full) {
+    for (int32_t i = 1; i <= len; ++i) mk[lst[i]] = 0;
+    Vdsuxy(vmi, w);
+  } else if (len > 0) {
+    int32_t numNz = 0;  // the list is read no more: it takes the nonzeros
+    double maxAbs = 0.0, sumAbs = 0.0;
+    for (int32_t wd = words - 1; wd >= 0; --wd) {
+      uint32_t word = bits[wd];
+      while (word != 0) {
+        const int32_t b = Highest_Bit(word);
+        word &= ~(1u << b);
+        const int32_t k = (wd << 5) + b;
+        const int32_t r = rnto[k];
+        mk[r] = 0;
+        double x = W[r];
+        if (x == 0.0) {
+          W[r] = 0.0;
+          continue;
+        }
+        const int32_t c = cnto[k];
+        const int32_t q = cstr[c];
+        x = x / ucmat[q];
+        W[r] = x;
+        lst[++numNz] = r;
+        const double ax = std::fabs(x);
+        maxAbs = ax > maxAbs ? ax : maxAbs;
+        sumAbs += ax;
+        const int32_t qEnd = q + clen[c];
+        for (int32_t p = q + 1; p < qEnd; ++p) W[ir[p]] -= ucmat[p] * x;
+      }
+    }
+    U_Solve_End(vmi, w, numNz, maxAbs, sumAbs);
+    if (timing) vim->Calls_Vdsuxy += 1;
+  }
+  if (timing) {
+    const double t2 = Clock_Read(vmi);
+    if (!full) vim->Time_Vdsuxy += t2 - t1;
+    if (detail) {
+      vim->Time_Ftran_L += t1 - t0;
+      vim->Time_Ftran_U += t2 - t1;
+    }
+  }
+}
+
+bool Build_L_Column_Map(VMI *vmi, int32_t *lcol) {
+  const LUF *luf = vmi->Luf;
+  const int32_t n = vmi->Vim->NumRow;
+  const int32_t *lsor = luf->Lsor.V, *lpiv = luf->Lpiv.V;
+  std::memset(lcol + 1, 0, sizeof(int32_t) * static_cast<size_t>(n));
+  for (int32_t k = 1; k <= luf->L_Cols; ++k) {
+    if (lsor[k] == lsor[k + 1]) continue;
+    const int32_t r = lpiv[lsor[k]];
+    if (lcol[r] != 0) {
+      lcol[1] = -1;
+      return false;
+    }
+    lcol[r] = k;
+  }
+  return true;
+}
+
+int32_t L_Solve_Sparse(VMI *vmi, RVec &w, IntVec &list, IntVec &marks, int32_t listLen,
+                       const int32_t *lcol) {
   const bool timing = vmi->Timing;
   const double t0 = timing ? Clock_Read(vmi) : 0.0;
 
@@ -181,23 +503,8 @@ int32_t L_Solve_Sparse(VMI *vmi, RVec &w, IntVec &list, IntVec &marks, int32_t l
   const int32_t m = lsor[nCols + 1] - 1;
   int32_t len = listLen;
 
-  // L columns, column form: only columns whose pivot row is listed matter.
-  for (int32_t k = 1; k <= nCols; ++k) {
-    const int32_t p0 = lsor[k], p1 = lsor[k + 1];
-    if (p0 == p1) continue;
-    const int32_t piv = lpiv[p0];
-    if (mk[piv] == 0) continue;
-    const double x = W[piv];
-    if (x == 0.0) continue;
-    for (int32_t p = p0; p < p1; ++p) {
-      const int32_t r = lrow[p];
-      W[r] -= lmat[p] * x;
-      if (mk[r] == 0) {
-        mk[r] = 1;
-        lst[++len] = r;
-      }
-    }
-  }
+  // L columns, column form.
+  len = L_Columns_Listed(vmi, W, lst, mk, len, lcol);
 
   // Row etas, dot form.
   const int32_t groups = luf->L_Groups;

@@ -13,8 +13,27 @@ void L_Solve(VMI *vmi, RVec &w);
 // Solves U in place; lists the nonzeros in VIM%HelpI (VIM::Num_UpNz) and
 // stores the largest magnitude in VIM::Max_UpCol.
 void Vdsuxy(VMI *vmi, RVec &w);
+// Solve_Ftran for a right-hand side with few nonzeros.  On entry
+// VIM%HelpI(1..len) lists the rows whose entries of W are not +0, and
+// VIM%HelpZ holds 1 for them and 0 elsewhere.  The result, the list of
+// nonzeros in VIM%HelpI, Num_UpNz and Max_UpCol are those of Solve_Ftran;
+// the work stays in proportion to the rows the solve reaches unless they
+// are many, in which case the solve finishes in the full form.  HelpZ is
+// clear on return.
+void Solve_Ftran_Listed(VMI *vmi, RVec &w, int32_t len);
+// Largest number of nonzeros of a right-hand side for which a caller hands
+// the solve a list (Solve_Ftran_Listed) rather than the full vector.
+int32_t Listed_Rhs_Limit(int32_t numRow);
 // L_Solve that keeps the list of nonzero rows (marks: 1 for a listed row).
-// Returns the new list length.
-int32_t L_Solve_Sparse(VMI *vmi, RVec &w, IntVec &list, IntVec &marks, int32_t listLen);
+// Returns the new list length.  With `lcol`, the map from a row to the L
+// column whose pivot row it is (0 for none; Build_L_Column_Map), only the
+// columns that the list reaches are visited; without it every column is.
+int32_t L_Solve_Sparse(VMI *vmi, RVec &w, IntVec &list, IntVec &marks, int32_t listLen,
+                       const int32_t *lcol = nullptr);
+// Fills lcol(1..NumRow) with the L column of the factorization whose pivot
+// row each row is (empty columns left out), 0 for a row with none.  False,
+// and lcol(1) = -1, when a row is the pivot row of two columns: such a map
+// cannot stand for the L-file.
+bool Build_L_Column_Map(VMI *vmi, int32_t *lcol);
 
 }  // namespace vlu

@@ -149,3 +149,24 @@ TEST(Primitives, GuardFailuresCarryTheirNumbers) {
 }
 
 }  // namespace
+
+TEST(Primitives, IntLookupFindsTheFirstMatchInsideItsBounds) {
+  // Stretches of every length up to 40 and every start offset within a
+  // block of four: two copies of the value, the first one is reported; a
+  // copy just outside the bounds is not seen.
+  std::vector<int32_t> v(64, 0);
+  for (int32_t first = 1; first <= 4; ++first)
+    for (int32_t last = first - 1; last <= first + 40; ++last) {
+      std::fill(v.begin(), v.end(), 7);
+      v[size_t(first - 1)] = 3;
+      v[size_t(last + 1)] = 3;
+      EXPECT_EQ(vlu::Int_Lookup(v.data(), first, last, 3), 0) << first << " " << last;
+      for (int32_t at = first; at <= last; ++at) {
+        v[size_t(at)] = 3;
+        if (at + 2 <= last) v[size_t(at + 2)] = 3;
+        EXPECT_EQ(vlu::Int_Lookup(v.data(), first, last, 3), at) << first << " " << last;
+        v[size_t(at)] = 7;
+        if (at + 2 <= last) v[size_t(at + 2)] = 7;
+      }
+    }
+}

@@ -2,7 +2,9 @@
 // each form of L_Solve can be forced and the forms compared, and the repair
 // path for huge or NaN solutions reached.
 #include <cmath>
+#include <cstring>
 #include <limits>
+#include <tuple>
 
 #include "runtime/records.h"
 #include "runtime/vectors.h"
@@ -77,6 +79,45 @@ struct Hand {
     std::vector<double> b(n);
     for (double &x : b) x = Uni(-1.0, 1.0);
     return b;
+  }
+
+  // Random orders of rows and columns and an upper triangular U in them:
+  // the column at position k holds its pivot (in [1, 2)) first, then each
+  // row at a position before k with probability `density`.
+  void Random_U(double density) {
+    vlu::VIM *v = env->Vim;
+    LUF *f = env->Luf;
+    std::vector<int> rows(n), cols(n);
+    std::iota(rows.begin(), rows.end(), 1);
+    std::iota(cols.begin(), cols.end(), 1);
+    std::shuffle(rows.begin(), rows.end(), gen);
+    std::shuffle(cols.begin(), cols.end(), gen);
+    for (int k = 1; k <= n; ++k) {
+      v->Rnto[k] = rows[k - 1];
+      v->Cnto[k] = cols[k - 1];
+      v->Rotn[rows[k - 1]] = v->Cotn[cols[k - 1]] = k;
+    }
+    std::vector<std::vector<std::pair<int, double>>> col(n + 1);
+    int total = 0;
+    for (int k = 1; k <= n; ++k) {
+      auto &e = col[v->Cnto[k]];
+      e.push_back({v->Rnto[k], Uni(1.0, 2.0)});
+      for (int t = 1; t < k; ++t)
+        if (Uni(0.0, 1.0) < density) e.push_back({v->Rnto[t], Uni(-1.0, 1.0)});
+      total += static_cast<int>(e.size());
+    }
+    if (vlu::Size(f->Ucmat) < total) vlu::Increase_RVec(env, f->Ucmat, total - vlu::Size(f->Ucmat));
+    Grow(f->Ir, "LUF%Ir", total);
+    int q = 1;
+    for (int c = 1; c <= n; ++c) {
+      f->Cstr[c] = q;
+      f->Clen[c] = static_cast<int>(col[c].size());
+      for (const auto &e : col[c]) {
+        f->Ir[q] = e.first;
+        f->Ucmat[q++] = e.second;
+      }
+    }
+    f->U_numele = total;
   }
 
   // Writes cols and etas into the L-file.
@@ -251,6 +292,169 @@ TEST(SolveForms, SolutionAtTheLimitIsRepaired) {
     EXPECT_EQ(h.env->Vim->Max_UpCol, x);
     EXPECT_EQ(h.env->Nan_Events, x >= 1e100 ? 1 : 0) << x;
   }
+}
+
+TEST(SolveForms, ListOfNonzerosAndLargestMagnitude) {
+  // Identity order and a diagonal U: the rows come out from the last to the
+  // first, zeros (negative ones too) are skipped and stored as +0.
+  Hand h(12, 3);
+  std::vector<double> b(12, 0.0);
+  b[1] = 3.0;
+  b[4] = -0.0;
+  b[7] = -8.0;
+  b[10] = 0.5;
+  const std::vector<double> x = h.Run(vlu::Vdsuxy, b);
+  const vlu::VIM *v = h.env->Vim;
+  ASSERT_EQ(v->Num_UpNz, 3);
+  EXPECT_EQ(v->HelpI[1], 11);
+  EXPECT_EQ(v->HelpI[2], 8);
+  EXPECT_EQ(v->HelpI[3], 2);
+  EXPECT_FALSE(std::signbit(x[4]));
+  double most = 0.0;
+  for (double t : x) most = std::max(most, std::fabs(t));
+  EXPECT_EQ(v->Max_UpCol, most);
+  EXPECT_EQ(most, 8.0 / h.env->Luf->Ucmat[8]);
+}
+
+TEST(SolveForms, LastNaNMetIsTheLargestMagnitude) {
+  // Two NaNs with their own payloads and a sign: the row met last (the
+  // first row, since the order runs backwards) gives Max_UpCol, its sign
+  // cleared.
+  auto nan_with = [](uint64_t payload, bool negative) {
+    uint64_t bits = 0x7FF8000000000000ULL | payload | (negative ? 1ULL << 63 : 0);
+    double d;
+    std::memcpy(&d, &bits, sizeof d);
+    return d;
+  };
+  Hand h(10, 4);
+  std::vector<double> b(10, 1.0);
+  b[0] = nan_with(0x1234, true);
+  b[6] = nan_with(0x5678, false);
+  h.Run(vlu::Vdsuxy, b);
+  uint64_t got;
+  const double m = h.env->Vim->Max_UpCol;
+  std::memcpy(&got, &m, sizeof got);
+  EXPECT_EQ(got, 0x7FF8000000001234ULL);
+}
+
+// The listed solve against the full one on the same vector: every value,
+// bit for bit, the list of nonzeros and its count, the largest magnitude,
+// and clear marks afterwards.
+void Expect_Listed_As_Full(Hand &h, const std::vector<double> &b) {
+  vlu::VIM *v = h.env->Vim;
+  const std::vector<double> full = h.Run(vlu::Solve_Ftran, b);
+  const int nz = v->Num_UpNz;
+  const std::vector<int> order(&v->HelpI[1], &v->HelpI[1] + nz);
+  const double most = v->Max_UpCol;
+
+  double *w = v->Work1.Val;
+  std::copy(b.begin(), b.end(), w + 1);
+  int len = 0;
+  for (int i = 1; i <= h.n; ++i)
+    if (!(b[i - 1] == 0.0 && !std::signbit(b[i - 1]))) {
+      v->HelpI[++len] = i;
+      v->HelpZ[i] = 1;
+    }
+  vlu::Solve_Ftran_Listed(h.env, v->Work1, len);
+  EXPECT_EQ(std::memcmp(w + 1, full.data(), sizeof(double) * h.n), 0);
+  ASSERT_EQ(v->Num_UpNz, nz);
+  EXPECT_EQ(std::vector<int>(&v->HelpI[1], &v->HelpI[1] + nz), order);
+  EXPECT_EQ(std::memcmp(&v->Max_UpCol, &most, sizeof most), 0);
+  int marked = 0;
+  for (int i = 1; i <= h.n; ++i) marked += v->HelpZ[i] != 0;
+  EXPECT_EQ(marked, 0);
+}
+
+TEST(SolveForms, ListedSolveMatchesTheFullSolve) {
+  // Right-hand sides of one to a few entries (one a -0, one a NaN), over a
+  // sparse U, in every pair of forms of L_Solve; and a denser U, where the
+  // rows reached pass the limit and the solve finishes in the full form.
+  for (double density : {0.004, 0.005, 0.05}) {
+    for (int forms = 0; forms < 4; ++forms) {
+      SCOPED_TRACE(::testing::Message() << "density " << density << " forms " << forms);
+      Hand h(400, 31 + forms);
+      h.Random_U(density);
+      for (int k = 1; k <= 80; ++k) h.cols.push_back(h.Random(k * 4, 4));
+      for (int len : {9, 3, 12, 0, 17}) h.etas.push_back(h.Random(1 + h.gen() % 400, len));
+      h.Store();
+      while ((forms & 1) == 0 ? h.Column_Form() : false) {
+        h.cols.emplace_back();
+        h.Store();
+      }
+      while ((forms & 2) == 0 ? h.Dot_Form() : false) {
+        h.etas.emplace_back();
+        h.Store();
+      }
+      ASSERT_EQ(h.Column_Form(), (forms & 1) != 0);
+      ASSERT_EQ(h.Dot_Form(), (forms & 2) != 0);
+      // After an update the listed solve finds the L columns through the
+      // map that the update made; before it, it sweeps them.
+      const bool mapped = density > 0.01;
+      h.env->Vim->Updates_Done = mapped ? 1 : 0;
+      h.env->Max_Updates = 100;
+      if (mapped) {
+        ASSERT_TRUE(vlu::Build_L_Column_Map(h.env, h.env->Iin->Rppr.V));
+      }
+      for (int t = 0; t < 12; ++t) {
+        std::vector<double> b(400, 0.0);
+        for (int e = 0; e <= t % 4; ++e) b[h.gen() % 400] = h.Uni(-1.0, 1.0);
+        if (t == 5) b[h.cols[2].row - 1] = -0.0;
+        if (t == 7) b[h.gen() % 400] = std::numeric_limits<double>::quiet_NaN();
+        if (t == 9) b[h.etas[1].ents[0].first - 1] = 2.0;  // an eta source
+        Expect_Listed_As_Full(h, b);
+      }
+    }
+  }
+}
+
+TEST(SolveForms, SparseTransformationThroughTheColumnMapAsThroughTheSweep) {
+  // The transformation of a spike visits the L columns that its list
+  // reaches, found through the map from pivot rows to columns, or sweeps
+  // every column: the values (bit for bit), the list in its order and the
+  // marks come out the same.  Empty columns stay out of the map; a row that
+  // pivots two columns makes the map refuse.
+  for (int seed = 0; seed < 6; ++seed) {
+    SCOPED_TRACE(seed);
+    Hand h(300, 70 + seed);
+    std::vector<int> rows(300);
+    std::iota(rows.begin(), rows.end(), 1);
+    std::shuffle(rows.begin(), rows.end(), h.gen);
+    for (int k = 0; k < 120; ++k) h.cols.push_back(h.Random(rows[size_t(k)], k % 9 == 4 ? 0 : 1 + k % 5));
+    for (int len : {5, 9, 2}) h.etas.push_back(h.Random(rows[size_t(200 + len)], len));
+    h.Store();
+    vlu::VIM *v = h.env->Vim;
+    std::vector<int32_t> lcol(302, 0);
+    ASSERT_TRUE(vlu::Build_L_Column_Map(h.env, lcol.data()));
+    int mapped = 0;
+    for (int r = 1; r <= 300; ++r) mapped += lcol[size_t(r)] > 0;
+    EXPECT_EQ(mapped, 120 - 13);  // the 13 empty columns have no entry
+
+    for (int t = 0; t < 10; ++t) {
+      std::vector<int> start{rows[size_t(t)]};  // the pivot rows of the first columns too
+      for (int e = 0; e < t % 3; ++e) start.push_back(rows[size_t(h.gen() % 130)]);
+      auto run = [&](const int32_t *map) {
+        for (int i = 1; i <= 300; ++i) v->WorkZ[i] = 0.0, v->HelpZ[i] = 0;
+        int len = 0;
+        for (int r : start)
+          if (v->HelpZ[r] == 0) v->WorkZ[r] = 1.0 + r, v->HelpZ[r] = 1, v->HelpI[++len] = r;
+        len = vlu::L_Solve_Sparse(h.env, v->WorkZ, v->HelpI, v->HelpZ, len, map);
+        std::vector<double> w(&v->WorkZ[1], &v->WorkZ[1] + 300);
+        std::vector<int> list(&v->HelpI[1], &v->HelpI[1] + len), marks(&v->HelpZ[1], &v->HelpZ[1] + 300);
+        return std::make_tuple(w, list, marks);
+      };
+      const auto swept = run(nullptr), mapped_run = run(lcol.data());
+      EXPECT_EQ(std::memcmp(std::get<0>(swept).data(), std::get<0>(mapped_run).data(), 300 * sizeof(double)), 0);
+      EXPECT_EQ(std::get<1>(swept), std::get<1>(mapped_run));
+      EXPECT_EQ(std::get<2>(swept), std::get<2>(mapped_run));
+    }
+    for (int i = 1; i <= 300; ++i) v->WorkZ[i] = 0.0, v->HelpZ[i] = 0;
+  }
+  Hand h(20, 3);
+  h.cols = {h.Random(5, 3), h.Random(5, 2)};
+  h.Store();
+  std::vector<int32_t> lcol(22, 0);
+  EXPECT_FALSE(vlu::Build_L_Column_Map(h.env, lcol.data()));
+  EXPECT_EQ(lcol[1], -1);
 }
 
 TEST(SolveForms, HugeOrNaNSolutionReachesDefNan) {

@@ -22,6 +22,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 
 #include "runtime/dumps.h"
 #include "runtime/messages.h"
@@ -84,6 +85,51 @@ struct Order {
   }
 };
 
+// The first position from p on whose mark is set, two marks at a time;
+// the mark at `stop` (set) ends the search, and nothing behind it is read.
+inline int32_t Next_Mark(const int32_t *marks, int32_t p, int32_t stop) {
+  while (p < stop) {
+    if ((marks[p] | marks[p + 1]) != 0) return marks[p] != 0 ? p : p + 1;
+    p += 2;
+  }
+  return p;
+}
+
+// Rotn and Cotn for the positions first .. last from Rnto and Cnto.
+inline void Set_Inverse(const Order &o, int32_t first, int32_t last) {
+  int32_t q = first;
+  for (; q + 3 <= last; q += 4) {
+    const int32_t r0 = o.rnto[q], r1 = o.rnto[q + 1], r2 = o.rnto[q + 2], r3 = o.rnto[q + 3];
+    const int32_t c0 = o.cnto[q], c1 = o.cnto[q + 1], c2 = o.cnto[q + 2], c3 = o.cnto[q + 3];
+    o.rotn[r0] = q;
+    o.rotn[r1] = q + 1;
+    o.rotn[r2] = q + 2;
+    o.rotn[r3] = q + 3;
+    o.cotn[c0] = q;
+    o.cotn[c1] = q + 1;
+    o.cotn[c2] = q + 2;
+    o.cotn[c3] = q + 3;
+  }
+  for (; q <= last; ++q) {
+    o.rotn[o.rnto[q]] = q;
+    o.cotn[o.cnto[q]] = q;
+  }
+}
+
+// Moves the len positions from p on to the positions from `to` on (to < p),
+// rows, columns and model columns, and sets Rotn and Cotn for them.
+void Shift_Down(const Order &o, int32_t p, int32_t len, int32_t to) {
+  if (len < 16) {
+    for (int32_t k = 0; k < len; ++k) o.Put(to + k, o.rnto[p + k], o.cnto[p + k], o.cbto[p + k]);
+    return;
+  }
+  const size_t bytes = sizeof(int32_t) * static_cast<size_t>(len);
+  std::memmove(o.rnto + to, o.rnto + p, bytes);
+  std::memmove(o.cnto + to, o.cnto + p, bytes);
+  std::memmove(o.cbto + to, o.cbto + p, bytes);
+  Set_Inverse(o, to, to + len - 1);
+}
+
 }  // namespace
 
 void Trim_Singular_Cols(VMI *vmi, Upd_State &st) {
@@ -98,23 +144,43 @@ void Trim_Singular_Cols(VMI *vmi, Upd_State &st) {
   const int32_t beyond = sl + 1;
 
   // Position q is reached from position p when the row at p has an element
-  // in the column at q.  The sweep starts from the row at Spike_First.
+  // in the column at q.  The sweep starts from the row at Spike_First.  The
+  // row at p has its other elements in columns behind p (but for the spike
+  // column, at Spike_First), so the sweep can jump from one marked position
+  // to the next, and everything between two of them leaves the range at its
+  // front in one stretch.  The mark at Spike_Last + 1 ends every search.
   int32_t count = 1;
   helpi[1] = cnto[sf];
   rows[1] = rnto[sf];
   models[1] = cbto[sf];
+  helpz[beyond] = 1;
   {
     const int32_t r = rnto[sf];
     for (int32_t j = rstr[r], e = rstr[r] + rlen[r]; j < e; ++j)
-      helpz[std::min(cotn[ic[j]], beyond)] = 1;
+      {
+        const int32_t q = cotn[ic[j]];
+        helpz[q < beyond ? q : beyond] = 1;  // a conditional move, not a jump
+      }
   }
   int32_t out = sf;
+  int32_t moved = 0;  // list places before the last stretch thrown out
+  // A short range is swept one position at a time: looking for stretches
+  // costs more there than it saves.
+  const bool shortRange = sl - sf < 48;
   for (int32_t p = sf + 1; p <= sl; ++p) {
     if (helpz[p] == 0) {
-      // Not reached: the position leaves the range at its front.
-      o.Put(out, rnto[p], cnto[p], cbto[p]);
-      ++out;
-      continue;
+      // Not reached: p (.. next - 1) move forward to out.
+      moved = count;
+      if (shortRange || helpz[p + 1] != 0) {
+        o.Put(out, rnto[p], cnto[p], cbto[p]);
+        ++out;
+        continue;
+      }
+      const int32_t next = Next_Mark(helpz, p + 2, beyond);
+      Shift_Down(o, p, next - p, out);
+      out += next - p;
+      p = next;
+      if (p == beyond) break;
     }
     helpz[p] = 0;
     ++count;
@@ -123,13 +189,18 @@ void Trim_Singular_Cols(VMI *vmi, Upd_State &st) {
     models[count] = cbto[p];
     const int32_t r = rnto[p];
     for (int32_t j = rstr[r] + 1, e = rstr[r] + rlen[r]; j < e; ++j)
-      helpz[std::min(cotn[ic[j]], beyond)] = 1;
+      {
+        const int32_t q = cotn[ic[j]];
+        helpz[q < beyond ? q : beyond] = 1;  // a conditional move, not a jump
+      }
   }
   helpz[sf] = 0;
   helpz[beyond] = 0;
   if (st.Trace >= 2) Doc(vmi, "The number of singular columns =%d", out - sf);
   st.Spike_First = out;
-  for (int32_t k = 1; k <= count; ++k) o.Put(out + k - 1, rows[k], helpi[k], models[k]);
+  // The list in order from out on; what came after the last stretch thrown
+  // out stands there already.
+  for (int32_t k = 1; k <= moved; ++k) o.Put(out + k - 1, rows[k], helpi[k], models[k]);
 }
 
 void Trim_Singular_Rows(VMI *vmi, Upd_State &st) {
@@ -151,11 +222,13 @@ void Trim_Singular_Rows(VMI *vmi, Upd_State &st) {
   }
   int32_t count = 0;
   int32_t out = sl;
+  int32_t moved = 0;  // list places before the last position thrown out
   for (int32_t p = sl; p > sf; --p) {
     if (helpz[p] == 0) {
       // Not reached: the position leaves the range at its end.
       o.Put(out, rnto[p], cnto[p], cbto[p]);
       --out;
+      moved = count;
       continue;
     }
     helpz[p] = 0;
@@ -172,7 +245,7 @@ void Trim_Singular_Rows(VMI *vmi, Upd_State &st) {
   helpz[sf] = 0;
   if (st.Trace >= 2) Doc(vmi, "The number of singular rows    =%d", sl - out);
   st.Spike_Last = out;
-  for (int32_t k = 1; k <= count; ++k) o.Put(out - k + 1, rows[k], helpi[k], models[k]);
+  for (int32_t k = 1; k <= moved; ++k) o.Put(out - k + 1, rows[k], helpi[k], models[k]);
 }
 
 void Diagonal_Spike(VMI *vmi, Upd_State &st) {

@@ -7,7 +7,8 @@
 //   column VIM%Cbto(p) = VIM%Rwcl(Rnto(p)) stands there.
 //   Work vectors, clear between updates: VIM%WorkZ (values by row or
 //   column), VIM%HelpZ (marks), VIM%HelpI (lists); IIN%Cpnx and IIN%Cppr are
-//   borrowed as lists.
+//   borrowed as lists, IIN%Rppr holds the map from a row to its L column
+//   from the first update after a factorization to the next factorization.
 //
 // The entering column goes through L (the spike) and replaces the leaving
 // column in both copies of U.  The range from the leaving position to the
@@ -265,6 +266,13 @@ bool Update_Inverse(VMI *vmi, int32_t incoming, int32_t leaving) {
   bool error = false;
   // Counted whether the update then succeeds or not.
   vim->Updates_Done += 1;
+  // The map from a row to its L column, for the transformation of the spike
+  // here and for the solves: the L columns stay as they are until the next
+  // factorization, which leaves Updates_Done at 0 (or at Max_Updates, and
+  // then no update follows it), so this is the first update after it.  It
+  // lives in IIN%Rppr, which only the factorization uses otherwise, and is
+  // made again when the clean-up below takes elements out of L.
+  if (vim->Updates_Done == 1) Build_L_Column_Map(vmi, vmi->Iin->Rppr.V);
 
   // The whole update is one pass through these steps; `break` leaves for
   // the end with `error` or a failure flag set.
@@ -282,6 +290,7 @@ bool Update_Inverse(VMI *vmi, int32_t incoming, int32_t leaving) {
         break;
       }
       RemoveZerosfromL(vmi);
+      Build_L_Column_Map(vmi, vmi->Iin->Rppr.V);
       Zero_Real(vim->WorkZ.Val, n + 1);
       vim->UL_Cleaned = true;
       if (debug && !Check_U_Copies(vmi)) {
@@ -361,7 +370,11 @@ bool Update_Inverse(VMI *vmi, int32_t incoming, int32_t leaving) {
     }
 
     // 7. Through L and the row etas: the spike.
-    len = L_Solve_Sparse(vmi, vim->WorkZ, vim->HelpI, vim->HelpZ, len);
+    {
+      const int32_t *lcol = vmi->Iin->Rppr.V;
+      len = L_Solve_Sparse(vmi, vim->WorkZ, vim->HelpI, vim->HelpZ, len,
+                           lcol[1] >= 0 ? lcol : nullptr);
+    }
     if (st.Trace >= 1) Doc(vmi, "Updating the incoming column, Length=%d", len);
     if (st.Trace >= 2) {
       Doc(vmi, "The structure of the updated spike in compressed form:");
