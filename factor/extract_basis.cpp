@@ -48,9 +48,10 @@ inline bool Exists(const double *jace, int32_t p, double tolZero) {
   return Clean || !(std::fabs(jace[p]) < tolZero);
 }
 
-// Steps 3 to 14 (see ExtractBasis).  zeros: the count of step 2.
+// Steps 3 to 14 (see ExtractBasis), with the queue of step 5 as step 2 left
+// it (tail entries).
 template <bool Clean>
-void Extract_Phases(VMI *vmi, double tStart) {
+void Extract_Phases(VMI *vmi, double tStart, IntVec &queueVec, int32_t tail) {
   VIM *vim = vmi->Vim;
   LUF *luf = vmi->Luf;
   IIN *iin = vmi->Iin;
@@ -102,13 +103,9 @@ void Extract_Phases(VMI *vmi, double tStart) {
     }
   }
 
-  // 5. Post-triangular phase: column singletons, taken from a queue.
-  IntVec queueVec;
-  Reuse_Int(vmi, vim->Cnto, "VIM%Cnto", queueVec, "Queue");
+  // 5. Post-triangular phase: column singletons, taken from a queue (the
+  // places of one element are in it already).
   int32_t *queue = queueVec.V;
-  int32_t tail = 0;
-  for (int32_t k = numSlack + 1; k <= n; ++k)
-    if (clen[k] == 1) queue[++tail] = k;
 
   // Removing a row lowers the counts of its columns; a column that is left
   // with one element joins the queue.
@@ -508,7 +505,12 @@ void ExtractBasis(VMI *vmi) {
   Zero_Int(clen, n);
 
   // 2. Count the existing elements of the structural columns by column and
-  // by row; the rest are counted as removed zeros.
+  // by row; the rest are counted as removed zeros.  Places of one element
+  // start the queue of step 5, which lives in the memory of VIM%Cnto.
+  IntVec queueVec;
+  Reuse_Int(vmi, vim->Cnto, "VIM%Cnto", queueVec, "Queue");
+  int32_t *queue = queueVec.V;
+  int32_t tail = 0;
   int32_t zeros = 0;
   for (int32_t k = numSlack + 1; k <= n; ++k) {
     const int32_t j = cbto[k];
@@ -520,14 +522,15 @@ void ExtractBasis(VMI *vmi) {
       rlen[rnum[p]] += 1;
     }
     clen[k] = cnt;
+    if (cnt == 1) queue[++tail] = k;
     zeros += (pe - p0) - cnt;
   }
   iin->Zeros_Removed = zeros;
 
   if (zeros == 0)
-    Extract_Phases<true>(vmi, tStart);
+    Extract_Phases<true>(vmi, tStart, queueVec, tail);
   else
-    Extract_Phases<false>(vmi, tStart);
+    Extract_Phases<false>(vmi, tStart, queueVec, tail);
 }
 
 }  // namespace vlu
