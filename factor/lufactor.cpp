@@ -352,7 +352,12 @@ void LUFactor(VMI *vmi) {
     luf->ColUSpace = std::min(Size(luf->Ir), Size(luf->Ucmat));
     Reuse_RVec(vmi, iin->Clmin, vim->WorkZ);
     Reuse_Int(vmi, iin->Indr, "IIN%Indr", vim->HelpI, "VIM%HelpI");
-    if (vim->WorkZ.Allocated()) Clear_Rvec(vmi, vim->WorkZ);
+    if (vim->WorkZ.Allocated()) {
+      // WorkZ was zero, and the bump writes Clmin of its own columns only.
+      double *workz = vim->WorkZ.Val;
+      const int32_t *cnto = vim->Cnto.V;
+      for (int32_t k = luf->NumVTria + 1; k <= n; ++k) workz[cnto[k]] = 0.0;
+    }
 
     // 10-11.
     if (!vmi->EnoughSpace) Doc(vmi, "Factor_Bump returned with memory problems. We must stop.");
