@@ -16,6 +16,14 @@
 // No scratch vector is allocated: the row write positions (Rfree), the queue
 // of singletons (Queue) and the old row lengths (RlenOld) live in the memory
 // of VIM%Rnto and VIM%Cnto, which are not needed before the phases end.
+//
+// The count of step 2 tells whether the basic columns hold any element below
+// Tol_Zero at all.  Mostly they do not, and the later passes are then
+// compiled without the test (Extract_Phases<true>); their visiting order is
+// the same either way.  The pivot test of a triangular pivot that is clearly
+// good only lowers Min_Pivot and is done in line; every other case (a small
+// pivot, a slack, a trace) goes through Small_Pivot_Post / Small_Pivot_Pre.
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 
@@ -33,21 +41,32 @@ namespace {
 constexpr int Err_No_Pivot_Element = 3201;
 constexpr int Err_No_Bump_Space = 3202;
 
-}  // namespace
+// An element of the matrix store exists when its magnitude is not below
+// Tol_Zero (a NaN exists).  Clean: the count found no other kind.
+template <bool Clean>
+inline bool Exists(const double *jace, int32_t p, double tolZero) {
+  return Clean || !(std::fabs(jace[p]) < tolZero);
+}
 
-void ExtractBasis(VMI *vmi) {
+// Steps 3 to 14 (see ExtractBasis), with the queue of step 5 as step 2 left
+// it (tail entries).
+template <bool Clean>
+void Extract_Phases(VMI *vmi, double tStart, IntVec &queueVec, int32_t tail) {
   VIM *vim = vmi->Vim;
   LUF *luf = vmi->Luf;
   IIN *iin = vmi->Iin;
-  const double tStart = vmi->Trace_Inv >= 1 ? Clock_Read(vmi) : 0.0;
 
   const int32_t n = vim->NumRow;
   const int32_t numCol = vim->NumCol;
   const int32_t numSlack = luf->Num_Slack;
   const double tolZero = vmi->Tol_Zero;
+  const double rtpiva = vmi->Rtpiva;
   const double spaceFactor = vmi->Space_Factor;
   const bool stopFlags = vmi->Lssqrs || vmi->TraceCNS || vim->In_OneDim;
   auto giveUp = [&]() { return vim->Num_Sing > 0 && stopFlags; };
+  // Pivots that pass their test are only counted in Min_Pivot, in line,
+  // unless each pivot is traced or a small one would end the phases.
+  const bool inlineTests = vmi->Trace_Inv < 3 && !stopFlags;
 
   int32_t *cbto = vim->Cbto.V;
   const int32_t *stcl = vim->Stcl.V;
@@ -60,31 +79,6 @@ void ExtractBasis(VMI *vmi) {
   int32_t *clen = luf->Clen.V;
   int32_t *rstr = luf->Rstr.V;
   int32_t *ic = luf->Ic.V;
-
-  // 1. Start values.
-  vim->Min_Pivot = (numSlack > 0 || n == 0) ? 1.0 : 1.0e15;
-  Zero_Int(rotn, n);
-  Zero_Int(cotn, n);
-  Zero_Int(rlen, n);
-  Zero_Int(clen, n);
-
-  // 2. Count the existing elements of the structural columns by column and
-  // by row; the rest are counted as removed zeros.
-  int32_t zeros = 0;
-  for (int32_t k = numSlack + 1; k <= n; ++k) {
-    const int32_t j = cbto[k];
-    int32_t cnt = 0;
-    for (int32_t p = stcl[j]; p < stcl[j + 1]; ++p) {
-      if (std::fabs(jace[p]) < tolZero) {
-        ++zeros;
-      } else {
-        ++cnt;
-        rlen[rnum[p]] += 1;
-      }
-    }
-    clen[k] = cnt;
-  }
-  iin->Zeros_Removed = zeros;
 
   // 3. Row starts of the row lists; Rfree is the next free slot of a row.
   IntVec rfreeVec;
@@ -102,21 +96,16 @@ void ExtractBasis(VMI *vmi) {
   // 4. Row lists: the places of each row, ascending.
   for (int32_t k = numSlack + 1; k <= n; ++k) {
     const int32_t j = cbto[k];
-    for (int32_t p = stcl[j]; p < stcl[j + 1]; ++p) {
-      if (std::fabs(jace[p]) < tolZero) continue;
-      const int32_t i = rnum[p];
-      ic[rfree[i]] = k;
-      rfree[i] += 1;
+    const int32_t pe = stcl[j + 1];
+    for (int32_t p = stcl[j]; p < pe; ++p) {
+      if (!Exists<Clean>(jace, p, tolZero)) continue;
+      ic[rfree[rnum[p]]++] = k;
     }
   }
 
-  // 5. Post-triangular phase: column singletons, taken from a queue.
-  IntVec queueVec;
-  Reuse_Int(vmi, vim->Cnto, "VIM%Cnto", queueVec, "Queue");
+  // 5. Post-triangular phase: column singletons, taken from a queue (the
+  // places of one element are in it already).
   int32_t *queue = queueVec.V;
-  int32_t tail = 0;
-  for (int32_t k = numSlack + 1; k <= n; ++k)
-    if (clen[k] == 1) queue[++tail] = k;
 
   // Removing a row lowers the counts of its columns; a column that is left
   // with one element joins the queue.
@@ -124,8 +113,7 @@ void ExtractBasis(VMI *vmi) {
     const int32_t end = rstr[i] + rlen[i];
     for (int32_t q = rstr[i]; q < end; ++q) {
       const int32_t c = ic[q];
-      clen[c] -= 1;
-      if (clen[c] == 1) queue[++tail] = c;
+      if (--clen[c] == 1) queue[++tail] = c;
     }
   };
 
@@ -146,10 +134,9 @@ void ExtractBasis(VMI *vmi) {
     if (j > numCol) {
       i = j - numCol;
     } else {
-      for (int32_t q = stcl[j]; q < stcl[j + 1]; ++q) {
-        // As in the counts, an element is whatever is not below Tol_Zero: a
-        // NaN is one (it then fails the pivot test).
-        if (!(std::fabs(jace[q]) < tolZero) && rotn[rnum[q]] == 0) {
+      const int32_t pe = stcl[j + 1];
+      for (int32_t q = stcl[j]; q < pe; ++q) {
+        if (Exists<Clean>(jace, q, tolZero) && rotn[rnum[q]] == 0) {
           p = q;
           i = rnum[q];
           break;
@@ -162,8 +149,13 @@ void ExtractBasis(VMI *vmi) {
       break;
     }
     ++numPost;
-    Small_Pivot_Post(vmi, p, i, k, numPost);
-    if (giveUp()) break;
+    const double size = p > 0 ? std::fabs(jace[p]) : 0.0;
+    if (inlineTests && j <= numCol && p > 0 && size > rtpiva) {
+      if (size < vim->Min_Pivot) vim->Min_Pivot = size;
+    } else {
+      Small_Pivot_Post(vmi, p, i, k, numPost);
+      if (giveUp()) break;
+    }
     rotn[i] = numPost;
     cotn[k] = numPost;
     removeRow(i);
@@ -208,21 +200,41 @@ void ExtractBasis(VMI *vmi) {
       // of row i in its place, and the other active rows of the old column
       // lose their element all the same.
       const int32_t j = cbto[k];
-      helpz[numPre] = Small_Pivot_Pre(vmi, i, k, numVTria);
-      if (giveUp()) break;
-      if (j > numCol) {
-        const int32_t r = j - numCol;
-        if (rotn[r] == 0) {
-          rlen[r] -= 1;
-          if (rlen[r] == 1) queue[++tail] = r;
+      if (inlineTests && j <= numCol) {
+        // One pass over the column finds the pivot and takes the column out
+        // of its active rows (the pivot row too; it is pivoted below).  The
+        // test comes after it: a repair only touches rows already pivoted.
+        int32_t p = 0;
+        const int32_t pe = stcl[j + 1];
+        for (int32_t q = stcl[j]; q < pe; ++q) {
+          const int32_t r = rnum[q];
+          if (r == i && p == 0) p = q;
+          if (!Exists<Clean>(jace, q, tolZero) || rotn[r] != 0) continue;
+          if (--rlen[r] == 1) queue[++tail] = r;
+        }
+        const double size = p > 0 ? std::fabs(jace[p]) : 1.0;
+        if (size > rtpiva) {
+          if (size < vim->Min_Pivot) vim->Min_Pivot = size;
+          helpz[numPre] = p;
+        } else {
+          helpz[numPre] = Small_Pivot_Pre(vmi, i, k, numVTria);
         }
       } else {
-        for (int32_t q = stcl[j]; q < stcl[j + 1]; ++q) {
-          if (std::fabs(jace[q]) < tolZero) continue;
-          const int32_t r = rnum[q];
-          if (rotn[r] != 0) continue;
-          rlen[r] -= 1;
-          if (rlen[r] == 1) queue[++tail] = r;
+        helpz[numPre] = Small_Pivot_Pre(vmi, i, k, numVTria);
+        if (giveUp()) break;
+        if (j > numCol) {
+          const int32_t r = j - numCol;
+          if (rotn[r] == 0) {
+            if (--rlen[r] == 1) queue[++tail] = r;
+          }
+        } else {
+          const int32_t pe = stcl[j + 1];
+          for (int32_t q = stcl[j]; q < pe; ++q) {
+            if (!Exists<Clean>(jace, q, tolZero)) continue;
+            const int32_t r = rnum[q];
+            if (rotn[r] != 0) continue;
+            if (--rlen[r] == 1) queue[++tail] = r;
+          }
         }
       }
       rotn[i] = numVTria;
@@ -311,17 +323,19 @@ void ExtractBasis(VMI *vmi) {
   // 9. Post-triangular columns into the rows of U.  Such a column touches
   // only its own row and rows pivoted before it, and the places are visited
   // in pivot order, so each row of U starts with its pivot.
+  const bool singular = vim->Num_Sing != 0;
   for (int32_t k = numSlack + 1; k <= numPost; ++k) {
     const int32_t c = cnto[k];
     const int32_t j = cbto[c];
-    if (vim->Num_Sing != 0 && j > numCol) {
+    if (singular && j > numCol) {
       const int32_t q = helpi[j - numCol]++;
       ic[q] = c;
       aur[q] = 1.0;
       continue;
     }
-    for (int32_t p = stcl[j]; p < stcl[j + 1]; ++p) {
-      if (std::fabs(jace[p]) < tolZero) continue;
+    const int32_t pe = stcl[j + 1];
+    for (int32_t p = stcl[j]; p < pe; ++p) {
+      if (!Exists<Clean>(jace, p, tolZero)) continue;
       const int32_t q = helpi[rnum[p]]++;
       ic[q] = c;
       aur[q] = jace[p];
@@ -334,42 +348,53 @@ void ExtractBasis(VMI *vmi) {
   lsor[1] = 1;
   int32_t lCols = 0;
   int32_t m = 0;
-  for (int32_t k = numPost + 1; k <= numVTria; ++k) {
-    const int32_t c = cnto[k];
-    clen[c] = 0;
-    const int32_t j = cbto[c];
-    const int32_t pre = k - numPost;
-    if (j > numCol) {
-      const int32_t q = helpi[j - numCol]++;
-      ic[q] = c;
-      aur[q] = 1.0;
-      helpz[pre] = 0;
-      continue;
-    }
-    const int32_t i = rnto[k];
-    const double d = jace[helpz[pre]];
-    for (int32_t p = stcl[j]; p < stcl[j + 1]; ++p) {
-      const double a = jace[p];
-      if (std::fabs(a) < tolZero) continue;
-      const int32_t r = rnum[p];
-      if (rotn[r] > k) {
-        if (m >= Size(luf->Lmat) || m >= Size(luf->Lrow) || m >= Size(luf->Lpiv)) {
-          Increase_L(vmi, m + 1);
-          if (vmi->Exception != 0 || !vmi->EnoughSpace) return;
-        }
-        ++m;
-        luf->Lmat.Val[m] = a / d;
-        luf->Lrow.V[m] = r;
-        luf->Lpiv.V[m] = i;
-      } else {
-        const int32_t q = helpi[r]++;
+  {
+    // The L-file as it stands; fetched again after a growth.
+    double *lmat = luf->Lmat.Val;
+    int32_t *lrow = luf->Lrow.V, *lpiv = luf->Lpiv.V;
+    int32_t lRoom = std::min(Size(luf->Lmat), std::min(Size(luf->Lrow), Size(luf->Lpiv)));
+    for (int32_t k = numPost + 1; k <= numVTria; ++k) {
+      const int32_t c = cnto[k];
+      clen[c] = 0;
+      const int32_t j = cbto[c];
+      const int32_t pre = k - numPost;
+      if (j > numCol) {
+        const int32_t q = helpi[j - numCol]++;
         ic[q] = c;
-        aur[q] = a;
+        aur[q] = 1.0;
+        helpz[pre] = 0;
+        continue;
       }
+      const int32_t i = rnto[k];
+      const double d = jace[helpz[pre]];
+      const int32_t pe = stcl[j + 1];
+      for (int32_t p = stcl[j]; p < pe; ++p) {
+        const double a = jace[p];
+        if (!Exists<Clean>(jace, p, tolZero)) continue;
+        const int32_t r = rnum[p];
+        if (rotn[r] > k) {
+          if (m >= lRoom) {
+            Increase_L(vmi, m + 1);
+            if (vmi->Exception != 0 || !vmi->EnoughSpace) return;
+            lmat = luf->Lmat.Val;
+            lrow = luf->Lrow.V;
+            lpiv = luf->Lpiv.V;
+            lRoom = std::min(Size(luf->Lmat), std::min(Size(luf->Lrow), Size(luf->Lpiv)));
+          }
+          ++m;
+          lmat[m] = a / d;
+          lrow[m] = r;
+          lpiv[m] = i;
+        } else {
+          const int32_t q = helpi[r]++;
+          ic[q] = c;
+          aur[q] = a;
+        }
+      }
+      ++lCols;
+      lsor[lCols + 1] = m + 1;
+      helpz[pre] = 0;
     }
-    ++lCols;
-    lsor[lCols + 1] = m + 1;
-    helpz[pre] = 0;
   }
   luf->L_Cols = lCols;
 
@@ -403,9 +428,10 @@ void ExtractBasis(VMI *vmi) {
     const int32_t c = cnto[k];
     const int32_t j = cbto[c];
     int32_t q = cstr[c];
-    for (int32_t p = stcl[j]; p < stcl[j + 1]; ++p) {
+    const int32_t pe = stcl[j + 1];
+    for (int32_t p = stcl[j]; p < pe; ++p) {
       const double a = jace[p];
-      if (std::fabs(a) < tolZero) continue;
+      if (!Exists<Clean>(jace, p, tolZero)) continue;
       const int32_t r = rnum[p];
       const int32_t pr = helpi[r]++;
       ic[pr] = c;
@@ -451,6 +477,60 @@ void ExtractBasis(VMI *vmi) {
   // 15. Time.
   if (vmi->Trace_Inv >= 1)
     Doc(vmi, "Time in ExtractBasis:%10.3f seconds.", Clock_Read(vmi) - tStart);
+}
+
+}  // namespace
+
+void ExtractBasis(VMI *vmi) {
+  VIM *vim = vmi->Vim;
+  LUF *luf = vmi->Luf;
+  IIN *iin = vmi->Iin;
+  const double tStart = vmi->Trace_Inv >= 1 ? Clock_Read(vmi) : 0.0;
+
+  const int32_t n = vim->NumRow;
+  const int32_t numSlack = luf->Num_Slack;
+  const double tolZero = vmi->Tol_Zero;
+  const int32_t *cbto = vim->Cbto.V;
+  const int32_t *stcl = vim->Stcl.V;
+  const int32_t *rnum = vim->Rnum.V;
+  const double *jace = vim->Jace.Val;
+  int32_t *rlen = luf->Rlen.V;
+  int32_t *clen = luf->Clen.V;
+
+  // 1. Start values.
+  vim->Min_Pivot = (numSlack > 0 || n == 0) ? 1.0 : 1.0e15;
+  Zero_Int(vim->Rotn.V, n);
+  Zero_Int(vim->Cotn.V, n);
+  Zero_Int(rlen, n);
+  Zero_Int(clen, n);
+
+  // 2. Count the existing elements of the structural columns by column and
+  // by row; the rest are counted as removed zeros.  Places of one element
+  // start the queue of step 5, which lives in the memory of VIM%Cnto.
+  IntVec queueVec;
+  Reuse_Int(vmi, vim->Cnto, "VIM%Cnto", queueVec, "Queue");
+  int32_t *queue = queueVec.V;
+  int32_t tail = 0;
+  int32_t zeros = 0;
+  for (int32_t k = numSlack + 1; k <= n; ++k) {
+    const int32_t j = cbto[k];
+    const int32_t p0 = stcl[j], pe = stcl[j + 1];
+    int32_t cnt = 0;
+    for (int32_t p = p0; p < pe; ++p) {
+      if (std::fabs(jace[p]) < tolZero) continue;
+      ++cnt;
+      rlen[rnum[p]] += 1;
+    }
+    clen[k] = cnt;
+    if (cnt == 1) queue[++tail] = k;
+    zeros += (pe - p0) - cnt;
+  }
+  iin->Zeros_Removed = zeros;
+
+  if (zeros == 0)
+    Extract_Phases<true>(vmi, tStart, queueVec, tail);
+  else
+    Extract_Phases<false>(vmi, tStart, queueVec, tail);
 }
 
 }  // namespace vlu

@@ -19,10 +19,12 @@ void Factor_Bump(VMI *vmi);
 // Builds the column copy of U in LUF%Ir / LUF%Ucmat.
 void CreateColumnU(VMI *vmi);
 void Increase_UCol(VMI *vmi, int32_t demand);
-// Growth of the stores of the factorization.
-void Increase_Uspace(VMI *vmi, int32_t demand);
-void Increase_ASpace(VMI *vmi, int32_t demand);
-void Increase_L(VMI *vmi, int32_t demand);
+// Growth of the stores of the factorization.  keep false: the contents of
+// the stores are dead (the set-up of a pass, before anything is loaded), so
+// the grown vectors need not carry them over and the U-file is not moved.
+void Increase_Uspace(VMI *vmi, int32_t demand, bool keep = true);
+void Increase_ASpace(VMI *vmi, int32_t demand, bool keep = true);
+void Increase_L(VMI *vmi, int32_t demand, bool keep = true);
 // Repair of the tolerances after a NaN or overflow.
 void DefNan(VMI *vmi);
 void Turnoff_Degeneracy(VMI *vmi);

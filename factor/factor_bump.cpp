@@ -42,6 +42,12 @@ const char *TF(bool b) { return b ? "T" : "F"; }
 
 bool Tests_Active(const VMI *vmi) { return vmi->Test_Every > 0 || vmi->Test_Trace >= 1; }
 
+// The work vectors of the bump are cleared over their whole length when the
+// battery, the structure test or the per-pivot debug checks may look at them.
+bool Full_Clears(const VMI *vmi) {
+  return Tests_Active(vmi) || vmi->Test_Full > 0 || vmi->Trace_Inv >= 3;
+}
+
 // The battery runs with IIN%Indr's memory lent back to VIM%HelpI.
 void Run_Tests(Bump_State &s) {
   VMI *vmi = s.vmi;
@@ -270,24 +276,45 @@ void Build_Lists(Bump_State &s) {
   IIN *iin = s.iin;
   const int32_t n = s.NumRow;
 
-  Zero_Int(iin->Nxtc.V, n);
-  Zero_Int(iin->Prvc.V, n);
-  Zero_Int(iin->Nxtr.V, n);
-  Zero_Int(iin->Prvr.V, n);
-  Zero_Int(iin->Mrow.V, n);
-  Zero_Int(iin->Indr.V, n);
-  Zero_Int(iin->Mrex.V, n);
-  Zero_Int(iin->Mact.V, n);
-  Zero_Int(iin->Mlow.V, n);
-  Zero_Int(iin->Indc.V, n);
-  Zero_Int(iin->Mcex.V, n);
+  // The elimination reads the marks, tails, counts and block places of the
+  // bump's rows and columns only, and a list link only of a list member (every
+  // member gets both links when it is stored); so those vectors are cleared
+  // where the bump stands, unless the battery or the debug checks, which look
+  // at every entry, may run.  Indx, the heads of the count lists (a count may
+  // reach NumRow) and the M-list heads are cleared whole.
+  const int32_t *cnto = vim->Cnto.V, *rnto = vim->Rnto.V;
+  if (Full_Clears(s.vmi)) {
+    Zero_Int(iin->Nxtc.V, n);
+    Zero_Int(iin->Prvc.V, n);
+    Zero_Int(iin->Nxtr.V, n);
+    Zero_Int(iin->Prvr.V, n);
+    Zero_Int(iin->Mrow.V, n);
+    Zero_Int(iin->Indr.V, n);
+    Zero_Int(iin->Mrex.V, n);
+    Zero_Int(iin->Mact.V, n);
+    Zero_Int(iin->Mlow.V, n);
+    Zero_Int(iin->Indc.V, n);
+    Zero_Int(iin->Mcex.V, n);
+  } else {
+    int32_t *mrow = iin->Mrow.V, *indr = iin->Indr.V, *mrex = iin->Mrex.V;
+    int32_t *mact = iin->Mact.V, *mlow = iin->Mlow.V, *indc = iin->Indc.V, *mcex = iin->Mcex.V;
+    for (int32_t k = s.NumVTria + 1; k <= n; ++k) {
+      const int32_t i = rnto[k], j = cnto[k];
+      mrow[i] = 0;
+      indr[i] = 0;
+      mrex[i] = 0;
+      mact[j] = 0;
+      mlow[j] = 0;
+      indc[j] = 0;
+      mcex[j] = 0;
+    }
+  }
   Zero_Int(iin->Indx.V, n);
   Zero_Int(iin->Stcc.V, n);
   Zero_Int(iin->Stcr.V, n);
   Zero_Int(iin->Stmc.V, Size(iin->Stmc));
 
   // Column bounds: the largest magnitude, the smallest pivot it allows.
-  const int32_t *cnto = vim->Cnto.V;
   const int32_t *cstr = luf->Cstr.V, *clen = luf->Clen.V;
   const double *aur = vim->AUrmat.Val;
   double *clmx = iin->Clmx.Val, *clmin = iin->Clmin.Val;
@@ -295,7 +322,8 @@ void Build_Lists(Bump_State &s) {
   for (int32_t k = s.NumVTria + 1; k <= n; ++k) {
     const int32_t j = cnto[k];
     double big = 0.0;
-    for (int32_t q = cstr[j]; q < cstr[j] + clen[j]; ++q) big = std::max(big, std::fabs(aur[q]));
+    const int32_t qe = cstr[j] + clen[j];
+    for (int32_t q = cstr[j]; q < qe; ++q) big = std::max(big, std::fabs(aur[q]));
     clmx[j] = big;
     clmin[j] = std::max(1.0e-20, s.vmi->Eps * big);
     clok[j] = LTrue;
@@ -304,7 +332,7 @@ void Build_Lists(Bump_State &s) {
   // Columns in pivot order, then rows: lists are filled at the head, so the
   // last stored stands first.
   for (int32_t k = s.NumVTria + 1; k <= n; ++k) Store_col_in_c_list(s, cnto[k], clen[cnto[k]]);
-  const int32_t *rnto = vim->Rnto.V, *rlen = luf->Rlen.V;
+  const int32_t *rlen = luf->Rlen.V;
   for (int32_t k = s.NumVTria + 1; k <= n; ++k) Store_Row_in_C_List(s, rnto[k], rlen[rnto[k]]);
 }
 
@@ -330,10 +358,11 @@ void Factor_Bump(VMI *vmi) {
   const bool tests = Tests_Active(vmi);
   const double tStart = s.Time_Start;
 
-  // The triangular phases leave the bump without tails.
-  Zero_Int(iin->Mrex.V, s.NumRow);
-  Zero_Int(iin->Mcex.V, s.NumRow);
+  // The triangular phases leave the bump without tails (Build_Lists clears
+  // them for the elimination; the structure test reads them before).
   if (tests && vmi->Test_Full > 0) {
+    Zero_Int(iin->Mrex.V, s.NumRow);
+    Zero_Int(iin->Mcex.V, s.NumRow);
     Test_Row_Col_Structure(s, "Factor_Bump");
     if (vmi->Exception != 0 || vmi->Test_Trace >= 1)
       Doc(vmi, "Test_Row_Col_Structure - Structure: syserr=%d", vmi->Exception);

@@ -28,18 +28,18 @@ int64_t Grown(int64_t size, int64_t demand) {
 }
 
 // Grows a vector to exactly t elements when it is not longer than t.
-void Grow_To(VMI *vmi, RVec &v, int32_t t) {
-  if (Size(v) <= t) Increase_RVec(vmi, v, t - Size(v));
+void Grow_To(VMI *vmi, RVec &v, int32_t t, bool keep) {
+  if (Size(v) <= t) Increase_RVec(vmi, v, t - Size(v), keep);
 }
-void Grow_To(VMI *vmi, IntVec &v, const char *name, int32_t t) {
-  if (Size(v) <= t) Increase_Int(vmi, v, name, t - Size(v));
+void Grow_To(VMI *vmi, IntVec &v, const char *name, int32_t t, bool keep) {
+  if (Size(v) <= t) Increase_Int(vmi, v, name, t - Size(v), keep);
 }
 
 bool Trace_Space(const VMI *vmi) { return vmi->Trace_Inv >= 2; }
 
 }  // namespace
 
-void Increase_Uspace(VMI *vmi, int32_t demand) {
+void Increase_Uspace(VMI *vmi, int32_t demand, bool keep) {
   VIM *vim = vmi->Vim;
   LUF *luf = vmi->Luf;
   const int32_t sizeA = Size(vim->AUrmat), sizeI = Size(luf->Ic);
@@ -51,8 +51,8 @@ void Increase_Uspace(VMI *vmi, int32_t demand) {
   t = ((t + 7) / 8) * 8;
   if (t > Max_Len) t = (Max_Len / 8) * 8;
   const int32_t target = static_cast<int32_t>(t);
-  Grow_To(vmi, vim->AUrmat, target);
-  Grow_To(vmi, luf->Ic, "LUF%Ic", target);
+  Grow_To(vmi, vim->AUrmat, target, keep);
+  Grow_To(vmi, luf->Ic, "LUF%Ic", target, keep);
   if (!vmi->EnoughSpace) {
     Doc(vmi, "Failure when attempting to increase Amat and Ic.");
     return;
@@ -64,6 +64,11 @@ void Increase_Uspace(VMI *vmi, int32_t demand) {
         Size(luf->Ic), luf->RowUSpace);
   const int32_t d = luf->RowUSpace - oldSpace;
   if (d <= 0) return;
+  if (!keep) {
+    // Nothing stands in the stores: the empty U-file starts at the new top.
+    luf->U_elefirst = luf->RowUSpace + 1;
+    return;
+  }
   // Move the U-file up by the growth, from the top down, with the starts of
   // the rows that stand in it.
   const int32_t first = luf->U_elefirst;
@@ -79,7 +84,7 @@ void Increase_Uspace(VMI *vmi, int32_t demand) {
   luf->U_elefirst = first + d;
 }
 
-void Increase_ASpace(VMI *vmi, int32_t demand) {
+void Increase_ASpace(VMI *vmi, int32_t demand, bool keep) {
   LUF *luf = vmi->Luf;
   IIN *iin = vmi->Iin;
   const int32_t sIr = Size(luf->Ir), sC = Size(iin->C2rp), sR = Size(iin->R2cp);
@@ -89,9 +94,9 @@ void Increase_ASpace(VMI *vmi, int32_t demand) {
   }
   const int32_t target = Clamp_Len(
       Grown(std::min(sIr, std::min(sC, sR)), demand));
-  Grow_To(vmi, luf->Ir, "LUF%Ir", target);
-  Grow_To(vmi, iin->C2rp, "IIN%C2rp", target);
-  Grow_To(vmi, iin->R2cp, "IIN%R2cp", target);
+  Grow_To(vmi, luf->Ir, "LUF%Ir", target, keep);
+  Grow_To(vmi, iin->C2rp, "IIN%C2rp", target, keep);
+  Grow_To(vmi, iin->R2cp, "IIN%R2cp", target, keep);
   if (!vmi->EnoughSpace) {
     Doc(vmi, "Failure when attempting to increase Ir, C2rp, and R2cp");
     return;
@@ -103,7 +108,7 @@ void Increase_ASpace(VMI *vmi, int32_t demand) {
         Size(iin->C2rp), Size(iin->R2cp), luf->ColASpace);
 }
 
-void Increase_L(VMI *vmi, int32_t demand) {
+void Increase_L(VMI *vmi, int32_t demand, bool keep) {
   LUF *luf = vmi->Luf;
   if (Trace_Space(vmi)) {
     Doc(vmi, "Increasing structure for L-factor Lmat, Lrow, and Lpiv to at least %d", demand);
@@ -111,9 +116,11 @@ void Increase_L(VMI *vmi, int32_t demand) {
   }
   const int32_t target =
       Clamp_Len(Grown(Size(luf->Lmat), demand));
-  if (Size(luf->Lmat) < target) Increase_RVec(vmi, luf->Lmat, target - Size(luf->Lmat));
-  if (Size(luf->Lrow) < target) Increase_Int(vmi, luf->Lrow, "LUF%Lrow", target - Size(luf->Lrow));
-  if (Size(luf->Lpiv) < target) Increase_Int(vmi, luf->Lpiv, "LUF%Lpiv", target - Size(luf->Lpiv));
+  if (Size(luf->Lmat) < target) Increase_RVec(vmi, luf->Lmat, target - Size(luf->Lmat), keep);
+  if (Size(luf->Lrow) < target)
+    Increase_Int(vmi, luf->Lrow, "LUF%Lrow", target - Size(luf->Lrow), keep);
+  if (Size(luf->Lpiv) < target)
+    Increase_Int(vmi, luf->Lpiv, "LUF%Lpiv", target - Size(luf->Lpiv), keep);
   if (!vmi->EnoughSpace) {
     Doc(vmi, "Failure when attempting to increase Lmat, Lrow, and Lpiv");
     return;

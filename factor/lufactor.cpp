@@ -145,7 +145,7 @@ bool LU_Setup_Pass(VMI *vmi, int32_t *elemntOut) {
     Allocate_RVec(vmi, iin->Mmat, n);
     if (b > n && vmi->EnoughSpace) {
       const int32_t size = Size(luf->Ucmat);
-      Increase_RVec(vmi, luf->Ucmat, std::max(n - size + elemnt, n));
+      Increase_RVec(vmi, luf->Ucmat, std::max(n - size + elemnt, n), false);
       luf->ColUSpace = std::min(Size(luf->Ir), Size(luf->Ucmat));
     }
     if (vmi->Exception != 0) return false;
@@ -162,6 +162,9 @@ bool LU_Setup_Pass(VMI *vmi, int32_t *elemntOut) {
   }
 
   // 5. Size the stores for this factorization from what the last one used.
+  // Nothing in them lives on into this pass (ExtractBasis loads the files,
+  // the L-file and the U-file anew, CreateColumnU rebuilds the column copy,
+  // Factor_Bump clears the M-list heads), so growth copies nothing.
   {
     const double dn = n, de = elemnt, uIni = luf->U_numini;
     const bool small = n <= 32000;
@@ -178,7 +181,7 @@ bool LU_Setup_Pass(VMI *vmi, int32_t *elemntOut) {
       // No U survives: the file is empty before it grows.
       luf->U_elefirst = luf->RowUSpace + 1;
       Zero_Int(luf->Rstr.V, n);
-      Increase_Uspace(vmi, demandU);
+      Increase_Uspace(vmi, demandU, false);
       if (vmi->Exception != 0) return false;
     }
 
@@ -187,7 +190,7 @@ bool LU_Setup_Pass(VMI *vmi, int32_t *elemntOut) {
     if (Test_Options.Min_Space)
       demandA = std::min(demandA, Capped(f * de + 8.0 * dn + 16.0, cap, small));
     if (demandA > luf->ColASpace) {
-      Increase_ASpace(vmi, demandA);
+      Increase_ASpace(vmi, demandA, false);
       if (vmi->Exception != 0) return false;
     }
 
@@ -197,14 +200,14 @@ bool LU_Setup_Pass(VMI *vmi, int32_t *elemntOut) {
         std::max({1.2 * lIni, 2.0 * dn + lIni, static_cast<double>(luf->LFileUsed) + dn, de}),
         capL, small);
     if (demandL > Size(luf->Lmat)) {
-      Increase_L(vmi, demandL);
+      Increase_L(vmi, demandL, false);
       if (vmi->Exception != 0) return false;
     }
 
     const int32_t n1 = std::max(n, 1);
     const int32_t sizeU = Size(luf->Ucmat);
     if (static_cast<int64_t>(n1) + iin->MarkBad > sizeU) {
-      Increase_RVec(vmi, luf->Ucmat, std::max(n1 - sizeU + iin->MarkBad, sizeU));
+      Increase_RVec(vmi, luf->Ucmat, std::max(n1 - sizeU + iin->MarkBad, sizeU), false);
       if (vmi->Exception != 0) return false;
       luf->ColUSpace = std::min(Size(luf->Ir), Size(luf->Ucmat));
     }
@@ -213,7 +216,7 @@ bool LU_Setup_Pass(VMI *vmi, int32_t *elemntOut) {
       Allocate_Int(vmi, iin->Stmc, "IIN%Stmc", iin->MarkBad);
     } else if (iin->MarkBad > Size(iin->Stmc)) {
       const int32_t size = Size(iin->Stmc);
-      Increase_Int(vmi, iin->Stmc, "IIN%Stmc", std::max(iin->MarkBad - size, size));
+      Increase_Int(vmi, iin->Stmc, "IIN%Stmc", std::max(iin->MarkBad - size, size), false);
     }
     if (vmi->Exception != 0) return false;
   }
@@ -349,7 +352,12 @@ void LUFactor(VMI *vmi) {
     luf->ColUSpace = std::min(Size(luf->Ir), Size(luf->Ucmat));
     Reuse_RVec(vmi, iin->Clmin, vim->WorkZ);
     Reuse_Int(vmi, iin->Indr, "IIN%Indr", vim->HelpI, "VIM%HelpI");
-    if (vim->WorkZ.Allocated()) Clear_Rvec(vmi, vim->WorkZ);
+    if (vim->WorkZ.Allocated()) {
+      // WorkZ was zero, and the bump writes Clmin of its own columns only.
+      double *workz = vim->WorkZ.Val;
+      const int32_t *cnto = vim->Cnto.V;
+      for (int32_t k = luf->NumVTria + 1; k <= n; ++k) workz[cnto[k]] = 0.0;
+    }
 
     // 10-11.
     if (!vmi->EnoughSpace) Doc(vmi, "Factor_Bump returned with memory problems. We must stop.");
