@@ -23,6 +23,9 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "runtime/dumps.h"
 #include "runtime/messages.h"
@@ -85,13 +88,19 @@ struct Order {
   }
 };
 
-// The first position from p on whose mark is set, two marks at a time;
-// the mark at `stop` (set) ends the search, and nothing behind it is read.
+// The first position from p on whose mark is set; the mark at `stop` (set)
+// ends the search, and nothing behind it is read.  Eight marks at a time
+// while all eight lie before or at `stop`, then one by one.
 inline int32_t Next_Mark(const int32_t *marks, int32_t p, int32_t stop) {
-  while (p < stop) {
-    if ((marks[p] | marks[p + 1]) != 0) return marks[p] != 0 ? p : p + 1;
-    p += 2;
+#if defined(__SSE2__)
+  for (; p + 7 <= stop; p += 8) {
+    const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i *>(marks + p));
+    const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i *>(marks + p + 4));
+    const __m128i o = _mm_or_si128(a, b);
+    if (_mm_movemask_epi8(_mm_cmpeq_epi32(o, _mm_setzero_si128())) != 0xFFFF) break;
   }
+#endif
+  while (marks[p] == 0) ++p;
   return p;
 }
 
