@@ -4,6 +4,7 @@
 #include <cstring>
 #include <cstdint>
 #include <cstdio>
+#include <new>
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
@@ -153,6 +154,60 @@ int32_t Copy_Listing(const double *rhs, double *w, double *save, int32_t n, int3
   return len;
 }
 
+// The key of the factors as they stand (Factors_Key).
+vlu::Factors_Key Key_Now(const IfaceState &s) {
+  vlu::Factors_Key k;
+  k.calls = vlu::Update_Inverse_Calls();
+  k.done = s.vim->Updates_Done;
+  k.lUsed = s.env->Luf->LFileUsed;
+  k.uElems = s.env->Luf->U_numele;
+  return k;
+}
+
+// Makes the base of the solution (IfaceState::solBase) from the order of
+// the factors, once every row's column is known to be basic: the largest
+// double everywhere, +0.0 at the column of each row.  Left not ready when
+// the space cannot be had or a row's column is not basic (the plain road
+// then stops the process).
+void Make_Sol_Base(IfaceState &s, const int32_t *rwcl, const int32_t *basc, int32_t n) {
+  const int32_t total = 2 * n + 1;
+  int32_t bad = 0;
+  for (int32_t i = 1; i <= n; ++i) bad |= basc[rwcl[i]] ^ vlu::IBasic;
+  if (bad != 0) return;
+  if (s.solBase == nullptr) {
+    s.solBase = new (std::nothrow) double[static_cast<size_t>(total)];
+    if (s.solBase == nullptr) return;
+  }
+  Fill_Block(s.solBase, total, DBL_MAX);
+  for (int32_t i = 1; i <= n; ++i) s.solBase[rwcl[i] - 1] = 0.0;
+  s.solBaseReady = true;
+  s.solBaseKey = Key_Now(s);
+}
+
+// The arrays of the spike cache, allocated at the first listed solve; false
+// when they cannot be had (the solve then keeps nothing).
+bool Spike_Arrays(IfaceState &s, int32_t n) {
+  vlu::Spike_Cache &c = s.spike;
+  if (c.inRows != nullptr) return true;
+  const size_t len = static_cast<size_t>(n) + 1;
+  c.inRows = new (std::nothrow) int32_t[len];
+  c.inVals = new (std::nothrow) double[len];
+  c.outRows = new (std::nothrow) int32_t[len];
+  c.outVals = new (std::nothrow) double[len];
+  c.finRows = new (std::nothrow) int32_t[len];
+  c.finVals = new (std::nothrow) double[len];
+  if (c.inRows && c.inVals && c.outRows && c.outVals && c.finRows && c.finVals) return true;
+  delete[] c.inRows;
+  delete[] c.inVals;
+  delete[] c.outRows;
+  delete[] c.outVals;
+  delete[] c.finRows;
+  delete[] c.finVals;
+  c.inRows = c.outRows = c.finRows = nullptr;
+  c.inVals = c.outVals = c.finVals = nullptr;
+  return false;
+}
+
 }  // namespace
 
 extern "C" VLU_API int vlu_solve(double *sol, const double *rhs) {
@@ -165,36 +220,49 @@ extern "C" VLU_API int vlu_solve(double *sol, const double *rhs) {
   double *w = vim->Work1.Val;
   // While column t is unknown, the last right-hand side is what t becomes
   // should it ever enter the basis.  A right-hand side with few nonzeros
-  // (the column of a pivoting step) is solved through its list of rows.
-  // The count of nonzeros of the last solution tells whether the list is
-  // worth trying: a solve that reached many rows is likely followed by
-  // another.
+  // (the column of a pivoting step) is solved through its list of rows,
+  // which also keeps its L stage for the update that may follow.
   int32_t *list = vim->HelpI.V, *marks = vim->HelpZ.V;
   const int32_t cap = vlu::Listed_Rhs_Limit(n);
-  int32_t len = -1;
-  if (vim->Num_UpNz > cap) {
-    if (s.rKnown)
-      Copy_Block(rhs, w + 1, n);
-    else
-      Copy_Block2(rhs, w + 1, s.rSave + 1, n);
-  } else {
-    len = s.rKnown ? Copy_Listing<false>(rhs, w, nullptr, n, list, marks, cap)
-                   : Copy_Listing<true>(rhs, w, s.rSave, n, list, marks, cap);
+  const int32_t len = s.rKnown ? Copy_Listing<false>(rhs, w, nullptr, n, list, marks, cap)
+                               : Copy_Listing<true>(rhs, w, s.rSave, n, list, marks, cap);
+  s.spike.valid = false;
+  if (len >= 0) {
+    vlu::Solve_Ftran_Listed(env, vim->Work1, len, Spike_Arrays(s, n) ? &s.spike : nullptr);
+    if (s.spike.valid) s.spike.key = Key_Now(s);
   }
-  if (len >= 0)
-    vlu::Solve_Ftran_Listed(env, vim->Work1, len);
   else
     vlu::Solve_Ftran(env, vim->Work1);
 
-  // Nonbasic columns read the largest double; the caller tells them by it.
   const int32_t total = 2 * n + 1;
+  const int32_t *rwcl = vim->Rwcl.V;
+  const int32_t *basc = vim->Basc.V;
+  // A base made before the factors changed behind the exported calls (the
+  // routines driven directly) is made again.
+  if (!s.solBaseReady || !(s.solBaseKey == Key_Now(s))) Make_Sol_Base(s, rwcl, basc, n);
+  int32_t bad = 0;
+  if (s.solBaseReady) {
+    // The solution as it stands before its values, then the nonzeros,
+    // which the solve has listed: every other row holds +0, which the base
+    // has in place.  The rows of the base were all checked as basic when it
+    // was made; the columns written now are checked against it.
+    Copy_Block(s.solBase, sol, total);
+    const int32_t *nzRows = vim->HelpI.V;
+    const double *base = s.solBase;
+    for (int32_t k = 1, numNz = vim->Num_UpNz; k <= numNz; ++k) {
+      const int32_t r = nzRows[k];
+      const int32_t j = rwcl[r];
+      bad |= static_cast<int32_t>(Bits(base[j - 1]) != 0);
+      sol[j - 1] = w[r];
+    }
+    if (bad != 0) vlu::Hard_Stop("Basis Bogus AAA");
+    return 0;
+  }
+  // Nonbasic columns read the largest double; the caller tells them by it.
   Fill_Block(sol, total, DBL_MAX);
   // Every row's column must be basic.  The statuses are or-ed together and
   // tested once, after the values are out: a bad one stops the process all
   // the same.
-  const int32_t *rwcl = vim->Rwcl.V;
-  const int32_t *basc = vim->Basc.V;
-  int32_t bad = 0;
   int32_t i = 1;
   for (; i + 3 <= n; i += 4) {
     const int32_t j0 = rwcl[i], j1 = rwcl[i + 1], j2 = rwcl[i + 2], j3 = rwcl[i + 3];
@@ -275,8 +343,24 @@ extern "C" VLU_API int vlu_update(const int *basisStat, const int *entering, con
   if (env->Exception != 0) vlu::Hard_Stop("VMI%Exception is not zero");
 
   if (*forceFactor == 0 && vlu::Update_Possible(env)) {
-    if (vlu::Update_Inverse(env, in, out)) {
+    // The L stage of the last solve counts only for the factors it was
+    // made with, and so does the base of the solution.
+    const vlu::Factors_Key before = Key_Now(s);
+    const bool fresh = s.spike.valid && s.spike.key == before;
+    const bool baseCurrent = s.solBaseReady && s.solBaseKey == before;
+    const bool updated = vlu::Update_Inverse(env, in, out, fresh ? &s.spike : nullptr);
+    s.spike.valid = false;  // the factors have changed
+    if (updated) {
       s.nUpdate += 1;
+      // The leaving column's row now holds the entering column; the other
+      // rows only changed places among themselves.
+      if (baseCurrent) {
+        s.solBase[out - 1] = DBL_MAX;
+        s.solBase[in - 1] = 0.0;
+        s.solBaseKey = Key_Now(s);
+      } else {
+        s.solBaseReady = false;
+      }
       return 2;
     }
   }
@@ -284,6 +368,8 @@ extern "C" VLU_API int vlu_update(const int *basisStat, const int *entering, con
   // The refactorization road: taken when the limits say so, when the caller
   // asks for it, and after a failed update.
   vim->Updates_Done = 0;
+  s.solBaseReady = false;
+  s.spike.valid = false;
   vlu::LUFactor(env);
   if (env->Exception != 0) vlu::Hard_Stop("VMI%Exception is not zero");
   if (vim->Num_Sing <= 0) {

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include "vardenlu.h"
 #include "runtime/records.h"
+#include "solve/spike_cache.h"
 
 namespace vlu {
 
@@ -28,6 +29,18 @@ struct IfaceState {
   int32_t *singRow = nullptr;      // n: row of pair k, zero until a reconciliation
   int32_t *singCol = nullptr;      // n: column of pair k, zero until a reconciliation
   uint8_t *mark = nullptr;         // n+1: scratch of the reconciliation
+  // The solution of a solve before its values go in, 0-based like `sol`
+  // (2n+1): +0.0 for the columns that pivot on some row (VIM%Rwcl), the
+  // largest double for the others.  Made by vlu_solve when it is needed and
+  // solBaseReady is false or its key differs from the factors' (after its
+  // rows were checked as basic), kept by the in-place updates of vlu_update
+  // (two entries change), and dropped by every factorization; null while not allocated (a failed allocation leaves the
+  // solve on its plain road).
+  double *solBase = nullptr;
+  bool solBaseReady = false;
+  Factors_Key solBaseKey;          // the factors solBase stands for
+  // The L stage of the last listed solve, for the update after it.
+  Spike_Cache spike;
 };
 
 // The one instance (tests read it).

@@ -53,6 +53,15 @@ void Release_All(IfaceState &s) {
   Free_Array(s.mark);
   Free_Array(s.curStat);
   Free_Array(s.rSave);
+  Free_Array(s.solBase);
+  s.solBaseReady = false;
+  Free_Array(s.spike.inRows);
+  Free_Array(s.spike.inVals);
+  Free_Array(s.spike.outRows);
+  Free_Array(s.spike.outVals);
+  Free_Array(s.spike.finRows);
+  Free_Array(s.spike.finVals);
+  s.spike.valid = false;
   int status = 0;
   VMI_Deallocate(&s.env, &status);
   s.env = nullptr;

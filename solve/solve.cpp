@@ -305,7 +305,7 @@ int32_t L_Columns_Listed(VMI *vmi, double *W, int32_t *lst, int32_t *mk, int32_t
 // the sign of a zero, and every zero leaves the solve as +0.  Rows that get
 // no element stay +0 and off the list.
 int32_t L_Solve_Listed(VMI *vmi, double *W, int32_t *lst, int32_t *mk, int32_t len,
-                       const int32_t *lcol) {
+                       const int32_t *lcol, Spike_Cache *cache) {
   LUF *luf = vmi->Luf;
   const int32_t *lsor = luf->Lsor.V;
   const int32_t *lrow = luf->Lrow.V;
@@ -315,11 +315,24 @@ int32_t L_Solve_Listed(VMI *vmi, double *W, int32_t *lst, int32_t *mk, int32_t l
   const int32_t m = lsor[nCols + 1] - 1;
 
   len = L_Columns_Listed(vmi, W, lst, mk, len, lcol);
+  if (cache != nullptr) {
+    // The vector after the L columns, for the spike of the update.
+    cache->outLen = len;
+    for (int32_t i = 1; i <= len; ++i) {
+      cache->outRows[i] = lst[i];
+      cache->outVals[i] = W[lst[i]];
+    }
+    cache->valid = true;
+    cache->finLen = -2;  // unknown until the row etas are done
+  }
 
   const int32_t used = luf->LFileUsed;
   const int32_t e = used - m;
   const int32_t groups = luf->L_Groups;
-  if (e <= 0 && groups <= 0) return len;
+  if (e <= 0 && groups <= 0) {
+    if (cache != nullptr) cache->finLen = -1;  // the same as after the columns
+    return len;
+  }
   // A target that the etas leave at zero is stored as +0, as the full solve
   // would store it, and stays off the list.
   auto target = [&](int32_t r) {
@@ -344,6 +357,14 @@ int32_t L_Solve_Listed(VMI *vmi, double *W, int32_t *lst, int32_t *mk, int32_t l
       W[r] -= Eta_Dot(lmat, lpiv, W, first, last);
       target(r);
     }
+    if (cache != nullptr) {
+      // The form of the update's spike too: the whole of it is kept.
+      cache->finLen = len;
+      for (int32_t i = 1; i <= len; ++i) {
+        cache->finRows[i] = lst[i];
+        cache->finVals[i] = W[lst[i]];
+      }
+    }
   } else {
     for (int32_t p = m + 1; p <= used; ++p) {
       const int32_t r = lrow[p];
@@ -359,7 +380,7 @@ int32_t L_Solve_Listed(VMI *vmi, double *W, int32_t *lst, int32_t *mk, int32_t l
 
 int32_t Listed_Rhs_Limit(int32_t numRow) { return numRow / Listed_Share; }
 
-void Solve_Ftran_Listed(VMI *vmi, RVec &w, int32_t len) {
+void Solve_Ftran_Listed(VMI *vmi, RVec &w, int32_t len, Spike_Cache *cache) {
   const bool timing = vmi->Timing;
   const bool detail = timing && vmi->Timing_Detail;
   const double t0 = timing ? Clock_Read(vmi) : 0.0;
@@ -385,7 +406,15 @@ void Solve_Ftran_Listed(VMI *vmi, RVec &w, int32_t len) {
   const int32_t done = vim->Updates_Done;
   const int32_t *lcol = vmi->Iin->Rppr.V;
   const bool mapped = done >= 1 && done < vmi->Max_Updates && lcol[1] >= 0;
-  len = L_Solve_Listed(vmi, W, lst, mk, len, mapped ? lcol : nullptr);
+  if (cache != nullptr) {
+    cache->valid = false;
+    cache->inLen = len;
+    for (int32_t i = 1; i <= len; ++i) {
+      cache->inRows[i] = lst[i];
+      cache->inVals[i] = W[lst[i]];
+    }
+  }
+  len = L_Solve_Listed(vmi, W, lst, mk, len, mapped ? lcol : nullptr, cache);
   const double t1 = timing ? Clock_Read(vmi) : 0.0;
   if (timing) {
     vim->Calls_L_Solve += 1;
@@ -487,7 +516,7 @@ bool Build_L_Column_Map(VMI *vmi, int32_t *lcol) {
 }
 
 int32_t L_Solve_Sparse(VMI *vmi, RVec &w, IntVec &list, IntVec &marks, int32_t listLen,
-                       const int32_t *lcol) {
+                       const int32_t *lcol, bool columnsDone) {
   const bool timing = vmi->Timing;
   const double t0 = timing ? Clock_Read(vmi) : 0.0;
 
@@ -503,8 +532,8 @@ int32_t L_Solve_Sparse(VMI *vmi, RVec &w, IntVec &list, IntVec &marks, int32_t l
   const int32_t m = lsor[nCols + 1] - 1;
   int32_t len = listLen;
 
-  // L columns, column form.
-  len = L_Columns_Listed(vmi, W, lst, mk, len, lcol);
+  // L columns, column form (unless the caller has done them).
+  if (!columnsDone) len = L_Columns_Listed(vmi, W, lst, mk, len, lcol);
 
   // Row etas, dot form.
   const int32_t groups = luf->L_Groups;

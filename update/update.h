@@ -2,6 +2,7 @@
 #pragma once
 #include <cstdint>
 #include "runtime/records.h"
+#include "solve/spike_cache.h"
 
 namespace vlu {
 
@@ -12,7 +13,15 @@ bool Update_Possible(VMI *vmi);
 void TestDegenerate(VMI *vmi, RVec &x, int32_t column, bool lookup, bool exactBound);
 // Replaces the column of `leaving` by that of `entering` in the factors.
 // Returns false when the update failed; the caller then refactorizes.
-bool Update_Inverse(VMI *vmi, int32_t entering, int32_t leaving);
+// `cache`, when valid, holds the L stage of the solve made since the last
+// change of the factors; it stands for the spike when the entering column
+// is the right-hand side of that solve.
+bool Update_Inverse(VMI *vmi, int32_t entering, int32_t leaving,
+                    const Spike_Cache *cache = nullptr);
+// Calls of Update_Inverse since the process started (wraps): what the
+// exported interface keeps beside the factors tells by it whether an
+// update ran since it was made.
+uint32_t Update_Inverse_Calls();
 
 // Storage of U and L between updates.
 // Removes the elements of magnitude Tol_Zero or less from both copies of U

@@ -20,6 +20,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 
 #include "runtime/clock.h"
 #include "runtime/dumps.h"
@@ -232,6 +233,38 @@ int32_t Leaving_Row(VMI *vmi, int32_t leaving) {
   return r;
 }
 
+// Step 7 from the cache of the last solve: when the entering column, as
+// step 6 listed it in VIM%HelpI with its values in VIM%WorkZ, is the listed
+// right-hand side of that solve (same rows in the same order, same bits),
+// the list and the values after the L columns, and maybe after the row
+// etas too, stand in the cache.  They are put in place (marks 1 in
+// VIM%HelpZ) and `len` becomes the length of the list; the result tells
+// how far: 0 nothing, 1 after the columns, 2 the whole spike.  A cache that
+// is not valid is not passed.
+int32_t Spike_From_Cache(VMI *vmi, const Spike_Cache *cache, int32_t &len) {
+  if (cache == nullptr || cache->inLen != len) return 0;
+  VIM *vim = vmi->Vim;
+  double *workz = vim->WorkZ.Val;
+  int32_t *helpz = vim->HelpZ.V, *helpi = vim->HelpI.V;
+  for (int32_t k = 1; k <= len; ++k) {
+    const int32_t r = helpi[k];
+    if (r != cache->inRows[k] || std::memcmp(&workz[r], &cache->inVals[k], sizeof(double)) != 0)
+      return 0;
+  }
+  const bool whole = cache->finLen >= 0;
+  const int32_t *rows = whole ? cache->finRows : cache->outRows;
+  const double *vals = whole ? cache->finVals : cache->outVals;
+  const int32_t n = whole ? cache->finLen : cache->outLen;
+  for (int32_t k = 1; k <= n; ++k) {
+    const int32_t r = rows[k];
+    workz[r] = vals[k];
+    helpz[r] = 1;
+    helpi[k] = r;
+  }
+  len = n;
+  return whole || cache->finLen == -1 ? 2 : 1;
+}
+
 // Step 11.8: positions, published order and model columns over the range
 // that the trims left, from Rnto and Cnto.
 void Renumber(VMI *vmi, int32_t first, int32_t last) {
@@ -253,7 +286,14 @@ void Renumber(VMI *vmi, int32_t first, int32_t last) {
 
 }  // namespace
 
-bool Update_Inverse(VMI *vmi, int32_t incoming, int32_t leaving) {
+namespace {
+uint32_t Inverse_Calls = 0;  // Update_Inverse_Calls()
+}  // namespace
+
+uint32_t Update_Inverse_Calls() { return Inverse_Calls; }
+
+bool Update_Inverse(VMI *vmi, int32_t incoming, int32_t leaving, const Spike_Cache *cache) {
+  Inverse_Calls += 1;
   VIM *vim = vmi->Vim;
   LUF *luf = vmi->Luf;
   const bool timing = vmi->Timing;
@@ -284,6 +324,7 @@ bool Update_Inverse(VMI *vmi, int32_t incoming, int32_t leaving) {
 
     // 1. Small elements leave U and L once per factor call.
     if (!vim->UL_Cleaned) {
+      cache = nullptr;  // L changes here
       RemoveZerosfromU(vmi);
       if (vmi->Exception != 0) {
         error = true;
@@ -369,11 +410,15 @@ bool Update_Inverse(VMI *vmi, int32_t incoming, int32_t leaving) {
       }
     }
 
-    // 7. Through L and the row etas: the spike.
+    // 7. Through L and the row etas: the spike.  The L columns may have
+    // been applied to the same column by the last solve.
     {
-      const int32_t *lcol = vmi->Iin->Rppr.V;
-      len = L_Solve_Sparse(vmi, vim->WorkZ, vim->HelpI, vim->HelpZ, len,
-                           lcol[1] >= 0 ? lcol : nullptr);
+      const int32_t from = Spike_From_Cache(vmi, cache, len);
+      if (from != 2) {
+        const int32_t *lcol = vmi->Iin->Rppr.V;
+        len = L_Solve_Sparse(vmi, vim->WorkZ, vim->HelpI, vim->HelpZ, len,
+                             lcol[1] >= 0 ? lcol : nullptr, from == 1);
+      }
     }
     if (st.Trace >= 1) Doc(vmi, "Updating the incoming column, Length=%d", len);
     if (st.Trace >= 2) {

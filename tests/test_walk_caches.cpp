@@ -1,0 +1,170 @@
+// What the exported interface keeps from one call to the next in a walk:
+// the base of the solution (the largest double for the columns that pivot
+// on no row, +0 for the others), and the L stage of a listed solve, which
+// the update that follows takes for the spike of the same column.  Both
+// must leave every result as it is without them: the factors bit for bit,
+// and every solution bit for bit.
+#include <cfloat>
+#include <cstring>
+#include <filesystem>
+
+#include "interface/state.h"
+#include "triangular_support.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using WalkCaches = tri::Session;
+
+// A fingerprint of the factors in pivot order: permutations, every U row
+// with the bits of its values, the L-file.
+uint64_t Factors_Print() {
+  const vlu::VMI *env = vlu::Iface().env;
+  const vlu::VIM *vim = env->Vim;
+  const vlu::LUF *luf = env->Luf;
+  uint64_t h = 1469598103934665603ULL;
+  auto mix = [&h](uint64_t v) {
+    h ^= v;
+    h *= 1099511628211ULL;
+  };
+  auto bits = [](double v) {
+    uint64_t u;
+    std::memcpy(&u, &v, sizeof u);
+    return u;
+  };
+  for (int32_t k = 1; k <= vim->NumRow; ++k) {
+    const int32_t r = vim->Rnto.V[k];
+    mix(uint64_t(r));
+    mix(uint64_t(vim->Cnto.V[k]));
+    for (int32_t p = luf->Rstr.V[r]; p < luf->Rstr.V[r] + luf->Rlen.V[r]; ++p) {
+      mix(uint64_t(luf->Ic.V[p]));
+      mix(bits(vim->AUrmat.Val[p]));
+    }
+  }
+  for (int32_t p = 1; p <= luf->LFileUsed; ++p) {
+    mix(uint64_t(luf->Lrow.V[p]) << 32 | uint32_t(luf->Lpiv.V[p]));
+    mix(bits(luf->Lmat.Val[p]));
+  }
+  return h;
+}
+
+enum class Before { Nothing, Column, Other };
+
+// Replays the walk of a case with the given solve before each update and
+// returns the fingerprint of the factors after every step; `sparseCalls`
+// gets the calls of L_Solve_Sparse (the spike transformations the updates
+// made themselves).
+std::vector<uint64_t> Replay(const vlu_case::Case &c, Before before, int limit,
+                             int &sparseCalls) {
+  vlu_setupdatelimit(&limit);
+  std::vector<int> stat = c.basis;
+  EXPECT_EQ(tri::Factor(c, stat), 0);
+  vlu::Iface().env->Timing = true;  // counts the calls
+  std::vector<uint64_t> prints;
+  std::vector<double> a(size_t(c.n)), sol(size_t(2 * c.n + 1));
+  const int force = 0;
+  for (const auto &st : c.steps) {
+    int q = st.q, l = st.l;
+    std::fill(a.begin(), a.end(), 0.0);
+    vlu_case::For_Column(c, q, [&](int i, double v) { a[size_t(i - 1)] = v; });
+    if (before == Before::Other)
+      for (double &v : a) v *= 2.0;  // not the column that enters
+    if (before != Before::Nothing) vlu_solve(sol.data(), a.data());
+    stat[size_t(q - 1)] = 2;
+    stat[size_t(l - 1)] = 0;
+    const int rc = vlu_update(stat.data(), &q, &l, &force);
+    EXPECT_TRUE(rc == 1 || rc == 2);
+    prints.push_back(Factors_Print());
+  }
+  sparseCalls = vlu::Iface().env->Vim->Calls_L_Solve_Sparse;
+  return prints;
+}
+
+std::vector<fs::path> Some_Cases() {
+  std::vector<fs::path> dirs;
+  for (const char *name : {"scagr7", "bandm", "sctap1", "share2b", "degen2"}) {
+    const fs::path d = fs::path(VLU_SHARED_CASES) / name;
+    if (fs::exists(d / "matrix.mtx")) dirs.push_back(d);
+  }
+  return dirs;
+}
+
+TEST_F(WalkCaches, TheSpikeOfTheSolveGivesTheFactorsOfTheUpdatesOwn) {
+  const auto dirs = Some_Cases();
+  if (dirs.empty()) GTEST_SKIP() << "no shared case folder at " << VLU_SHARED_CASES;
+  for (const auto &dir : dirs) {
+    SCOPED_TRACE(dir.filename().string());
+    vlu_case::Case c;
+    std::string err;
+    ASSERT_TRUE(vlu_case::Read_Case(dir.string(), c, err)) << err;
+    for (int limit : {100, 7}) {
+      SCOPED_TRACE(::testing::Message() << "limit " << limit);
+      int own = 0, cached = 0, other = 0;
+      Restart();
+      const auto plain = Replay(c, Before::Nothing, limit, own);
+      Restart();
+      const auto withSolve = Replay(c, Before::Column, limit, cached);
+      Restart();
+      const auto otherSolve = Replay(c, Before::Other, limit, other);
+      ASSERT_EQ(plain.size(), withSolve.size());
+      for (size_t k = 0; k < plain.size(); ++k) {
+        ASSERT_EQ(plain[k], withSolve[k]) << "after step " << k;
+        ASSERT_EQ(plain[k], otherSolve[k]) << "after step " << k;
+      }
+      // The updates after a solve of their column spared some of their own
+      // transformations; after the solve of another vector, none.
+      EXPECT_LT(cached, own);
+      EXPECT_EQ(other, own);
+    }
+  }
+}
+
+// Every solve along a walk (updates, refactorizations at the limit, a
+// forced factorization, a fresh vlu_factor) equals, bit for bit, the same
+// solve made without the base, by the plain fill and scatter.
+TEST_F(WalkCaches, TheBaseOfTheSolutionFollowsTheBasis) {
+  const tri::System sys = tri::Make_System(120, tri::Shape::Upper, 5, true, 0.3);
+  const vlu_case::Case &c = sys.c;
+  int limit = 5;
+  vlu_setupdatelimit(&limit);
+  std::vector<int> stat = c.basis;
+  ASSERT_EQ(tri::Factor(c, stat), 0);
+  std::mt19937_64 gen(3);
+  std::vector<double> b(size_t(c.n)), x(size_t(2 * c.n + 1)), y(size_t(2 * c.n + 1));
+  vlu::IfaceState &s = vlu::Iface();
+  auto compare = [&](int t) {
+    for (int kind = 0; kind < 3; ++kind) {
+      std::fill(b.begin(), b.end(), 0.0);
+      if (kind == 0) b[gen() % b.size()] = 1.5;                   // one entry
+      if (kind == 1) std::fill(b.begin(), b.end(), 1.0);          // dense
+      if (kind == 2) b[gen() % b.size()] = -0.0, b[gen() % b.size()] = 3.0;
+      vlu_solve(x.data(), b.data());
+      s.solBaseReady = false;  // the plain road once
+      vlu_solve(y.data(), b.data());
+      ASSERT_EQ(std::memcmp(x.data(), y.data(), sizeof(double) * x.size()), 0)
+          << "change " << t << " right-hand side " << kind;
+      for (int j = 1; j <= 2 * c.n + 1; ++j) {
+        if (stat[size_t(j - 1)] != 2) {
+          ASSERT_EQ(x[size_t(j - 1)], DBL_MAX) << "column " << j;
+        }
+      }
+    }
+  };
+  int updates = 0, refactors = 0;
+  for (int t = 0; t < 40; ++t) {
+    compare(t);
+    int q, l;
+    tri::Swap_At(sys, stat, 1 + int(gen() % uint64_t(c.n)), q, l);
+    const int rc = tri::Change(c, stat, q, l, t == 17 ? 1 : 0);
+    ASSERT_TRUE(rc == 1 || rc == 2);
+    (rc == 2 ? updates : refactors) += 1;
+    if (t == 29) {
+      ASSERT_EQ(tri::Factor(c, stat), 0);
+    }
+  }
+  compare(40);
+  EXPECT_GT(updates, 20);
+  EXPECT_GE(refactors, 5);
+}
+
+}  // namespace
