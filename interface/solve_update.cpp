@@ -78,20 +78,22 @@ inline uint64_t Bits(double v) {
   return b;
 }
 
-// Copies the eight values at src into dst (and dst2 when Save); true when
-// one of them is not +0.
-template <bool Save>
+// Copies the eight values at src into dst when ToW and into dst2 when ToS;
+// true when one of them is not +0.
+template <bool ToW, bool ToS>
 inline bool Copy_Eight(const double *src, double *dst, double *dst2) {
 #if defined(__SSE2__)
   const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src));
   const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + 2));
   const __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + 4));
   const __m128i d = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + 6));
-  _mm_storeu_si128(reinterpret_cast<__m128i *>(dst), a);
-  _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + 2), b);
-  _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + 4), c);
-  _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + 6), d);
-  if (Save) {
+  if (ToW) {
+    _mm_storeu_si128(reinterpret_cast<__m128i *>(dst), a);
+    _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + 2), b);
+    _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + 4), c);
+    _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + 6), d);
+  }
+  if (ToS) {
     _mm_storeu_si128(reinterpret_cast<__m128i *>(dst2), a);
     _mm_storeu_si128(reinterpret_cast<__m128i *>(dst2 + 2), b);
     _mm_storeu_si128(reinterpret_cast<__m128i *>(dst2 + 4), c);
@@ -104,18 +106,19 @@ inline bool Copy_Eight(const double *src, double *dst, double *dst2) {
   for (int k = 0; k < 8; ++k) {
     const double v = src[k];
     any |= Bits(v);
-    dst[k] = v;
-    if (Save) dst2[k] = v;
+    if (ToW) dst[k] = v;
+    if (ToS) dst2[k] = v;
   }
   return any != 0;
 #endif
 }
 
-// Copies rhs(0..n-1) into w(1..n), and into save(1..n) when Save, and lists
-// the rows whose entries are not +0 (a -0 too) in list(1..) with marks(row)
-// = 1, as long as there are at most `cap` of them.  Returns their number, or
-// -1 when there are more; the marks are then clear again.
-template <bool Save>
+// Copies rhs(0..n-1) into w(1..n) when ToW and into save(1..n) when ToS,
+// and lists the rows whose entries are not +0 (a -0 too) in list(1..) with
+// marks(row) = 1, as long as there are at most `cap` of them.  Returns their
+// number, or -1 when there are more; the marks are then clear again, and
+// the vectors that the call writes are written in full.
+template <bool ToW, bool ToS>
 int32_t Copy_Listing(const double *rhs, double *w, double *save, int32_t n, int32_t *list,
                      int32_t *marks, int32_t cap) {
   int32_t len = 0;
@@ -123,13 +126,13 @@ int32_t Copy_Listing(const double *rhs, double *w, double *save, int32_t n, int3
     const int32_t b = n - i < 8 ? n - i : 8;
     bool any = false;
     if (b == 8) {
-      any = Copy_Eight<Save>(rhs + i, w + 1 + i, Save ? save + 1 + i : nullptr);
+      any = Copy_Eight<ToW, ToS>(rhs + i, w + 1 + i, save + 1 + i);
     } else {
       for (int k = 0; k < b; ++k) {
         const double v = rhs[i + k];
         any = any || Bits(v) != 0;
-        w[i + 1 + k] = v;
-        if (Save) save[i + 1 + k] = v;
+        if (ToW) w[i + 1 + k] = v;
+        if (ToS) save[i + 1 + k] = v;
       }
     }
     if (!any) continue;
@@ -140,10 +143,12 @@ int32_t Copy_Listing(const double *rhs, double *w, double *save, int32_t n, int3
         for (int32_t t = 1; t <= len; ++t) marks[list[t]] = 0;
         i += 8;
         if (i < n) {
-          if (Save)
+          if (ToW && ToS)
             Copy_Block2(rhs + i, w + 1 + i, save + 1 + i, n - i);
-          else
+          else if (ToW)
             Copy_Block(rhs + i, w + 1 + i, n - i);
+          else if (ToS)
+            Copy_Block(rhs + i, save + 1 + i, n - i);
         }
         return -1;
       }
@@ -208,6 +213,76 @@ bool Spike_Arrays(IfaceState &s, int32_t n) {
   return false;
 }
 
+// The row lists of the two vectors a solve writes besides the solution
+// (IfaceState::workRows, saveRows), allocated at the first solve; false when
+// they cannot be had (the vectors are then written in full every time).
+bool Row_Lists(IfaceState &s, int32_t n) {
+  if (s.workRows != nullptr) return true;
+  const size_t len = static_cast<size_t>(n) + 1;
+  s.workRows = new (std::nothrow) int32_t[len];
+  s.saveRows = new (std::nothrow) int32_t[len];
+  if (s.workRows && s.saveRows) return true;
+  delete[] s.workRows;
+  delete[] s.saveRows;
+  s.workRows = s.saveRows = nullptr;
+  return false;
+}
+
+// Systems below this size are solved in the full forms only: the lists
+// cost more there than they spare.
+constexpr int32_t Listed_Min_Rows = 100;
+
+// Brings the right-hand side into VIM%Work1 (and into rSave while r is
+// unknown), listing its rows as Copy_Listing does.  A vector whose
+// nonzeros are listed from the last solve is cleared at those rows and
+// given only the new nonzeros; the lists are brought up to date.
+int32_t Load_Rhs(IfaceState &s, const double *rhs, double *w, int32_t n, int32_t *list,
+                 int32_t *marks, int32_t cap) {
+  const bool save = !s.rKnown;
+  if (n < Listed_Min_Rows || !Row_Lists(s, n)) {
+    s.workCount = s.saveCount = -1;
+    if (n < Listed_Min_Rows) {
+      if (save)
+        Copy_Block2(rhs, w + 1, s.rSave + 1, n);
+      else
+        Copy_Block(rhs, w + 1, n);
+      return -1;
+    }
+    return save ? Copy_Listing<true, true>(rhs, w, s.rSave, n, list, marks, cap)
+                : Copy_Listing<true, false>(rhs, w, nullptr, n, list, marks, cap);
+  }
+  const bool wLazy = s.workCount >= 0;
+  const bool sLazy = save && s.saveCount >= 0;
+  if (wLazy)
+    for (int32_t k = 1; k <= s.workCount; ++k) w[s.workRows[k]] = 0.0;
+  if (sLazy)
+    for (int32_t k = 1; k <= s.saveCount; ++k) s.rSave[s.saveRows[k]] = 0.0;
+  const bool toS = save && !sLazy;
+  int32_t len;
+  if (wLazy)
+    len = toS ? Copy_Listing<false, true>(rhs, w, s.rSave, n, list, marks, cap)
+              : Copy_Listing<false, false>(rhs, w, s.rSave, n, list, marks, cap);
+  else
+    len = toS ? Copy_Listing<true, true>(rhs, w, s.rSave, n, list, marks, cap)
+              : Copy_Listing<true, false>(rhs, w, s.rSave, n, list, marks, cap);
+  if (len < 0) {
+    if (wLazy) Copy_Block(rhs, w + 1, n);
+    if (sLazy) Copy_Block(rhs, s.rSave + 1, n);
+    s.saveCount = -1;
+    return len;
+  }
+  for (int32_t k = 1; k <= len; ++k) {
+    const int32_t r = list[k];
+    if (wLazy) w[r] = rhs[r - 1];
+    if (sLazy) s.rSave[r] = rhs[r - 1];
+  }
+  if (save) {
+    std::memcpy(s.saveRows + 1, list + 1, sizeof(int32_t) * static_cast<size_t>(len));
+    s.saveCount = len;
+  }
+  return len;
+}
+
 }  // namespace
 
 extern "C" VLU_API int vlu_solve(double *sol, const double *rhs) {
@@ -224,8 +299,8 @@ extern "C" VLU_API int vlu_solve(double *sol, const double *rhs) {
   // which also keeps its L stage for the update that may follow.
   int32_t *list = vim->HelpI.V, *marks = vim->HelpZ.V;
   const int32_t cap = vlu::Listed_Rhs_Limit(n);
-  const int32_t len = s.rKnown ? Copy_Listing<false>(rhs, w, nullptr, n, list, marks, cap)
-                               : Copy_Listing<true>(rhs, w, s.rSave, n, list, marks, cap);
+  const int32_t len = Load_Rhs(s, rhs, w, n, list, marks, cap);
+  s.workCount = -1;  // Work1 changes; the base road lists it again
   s.spike.valid = false;
   if (len >= 0) {
     vlu::Solve_Ftran_Listed(env, vim->Work1, len, Spike_Arrays(s, n) ? &s.spike : nullptr);
@@ -249,11 +324,19 @@ extern "C" VLU_API int vlu_solve(double *sol, const double *rhs) {
     Copy_Block(s.solBase, sol, total);
     const int32_t *nzRows = vim->HelpI.V;
     const double *base = s.solBase;
-    for (int32_t k = 1, numNz = vim->Num_UpNz; k <= numNz; ++k) {
+    const int32_t numNz = vim->Num_UpNz;
+    for (int32_t k = 1; k <= numNz; ++k) {
       const int32_t r = nzRows[k];
       const int32_t j = rwcl[r];
       bad |= static_cast<int32_t>(Bits(base[j - 1]) != 0);
       sol[j - 1] = w[r];
+    }
+    // Work1 is +0 but at these rows: the next solve clears only them.
+    if (s.workRows != nullptr && numNz <= n / 4) {
+      std::memcpy(s.workRows + 1, nzRows + 1, sizeof(int32_t) * static_cast<size_t>(numNz));
+      s.workCount = numNz;
+    } else {
+      s.workCount = -1;
     }
     if (bad != 0) vlu::Hard_Stop("Basis Bogus AAA");
     return 0;

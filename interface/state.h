@@ -41,6 +41,15 @@ struct IfaceState {
   Factors_Key solBaseKey;          // the factors solBase stands for
   // The L stage of the last listed solve, for the update after it.
   Spike_Cache spike;
+  // The rows where VIM%Work1 and rSave may be other than +0: workRows(1..
+  // workCount) from the solution of the last solve, saveRows(1..saveCount)
+  // from its right-hand side; a count of -1 when the vector is not known to
+  // be +0 elsewhere (it is then written in full).  n+1 each, allocated by
+  // the first solve, null when not.
+  int32_t *workRows = nullptr;
+  int32_t *saveRows = nullptr;
+  int32_t workCount = -1;
+  int32_t saveCount = -1;
 };
 
 // The one instance (tests read it).

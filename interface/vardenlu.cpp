@@ -61,6 +61,9 @@ void Release_All(IfaceState &s) {
   Free_Array(s.spike.outVals);
   Free_Array(s.spike.finRows);
   Free_Array(s.spike.finVals);
+  Free_Array(s.workRows);
+  Free_Array(s.saveRows);
+  s.workCount = s.saveCount = -1;
   s.spike.valid = false;
   int status = 0;
   VMI_Deallocate(&s.env, &status);

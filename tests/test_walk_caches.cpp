@@ -82,7 +82,7 @@ std::vector<uint64_t> Replay(const vlu_case::Case &c, Before before, int limit,
 
 std::vector<fs::path> Some_Cases() {
   std::vector<fs::path> dirs;
-  for (const char *name : {"scagr7", "bandm", "sctap1", "share2b", "degen2"}) {
+  for (const char *name : {"scagr7", "bandm", "sctap1", "share2b", "scsd8"}) {
     const fs::path d = fs::path(VLU_SHARED_CASES) / name;
     if (fs::exists(d / "matrix.mtx")) dirs.push_back(d);
   }
@@ -112,8 +112,11 @@ TEST_F(WalkCaches, TheSpikeOfTheSolveGivesTheFactorsOfTheUpdatesOwn) {
         ASSERT_EQ(plain[k], otherSolve[k]) << "after step " << k;
       }
       // The updates after a solve of their column spared some of their own
-      // transformations; after the solve of another vector, none.
-      EXPECT_LT(cached, own);
+      // transformations (systems of 100 rows and more, which the solve lists);
+      // after the solve of another vector, none.
+      if (c.n >= 100) {
+        EXPECT_LT(cached, own);
+      }
       EXPECT_EQ(other, own);
     }
   }
@@ -165,6 +168,39 @@ TEST_F(WalkCaches, TheBaseOfTheSolutionFollowsTheBasis) {
   compare(40);
   EXPECT_GT(updates, 20);
   EXPECT_GE(refactors, 5);
+}
+
+// The vectors a solve writes beside the solution, VIM%Work1 and rSave, are
+// cleared at the rows the last solve listed and given the new nonzeros
+// only.  After any mix of sparse, dense and signed-zero right-hand sides,
+// rSave holds the last one bit for bit, and every solution equals the one
+// of the full copies.
+TEST_F(WalkCaches, ListedCopiesLeaveTheLastRightHandSide) {
+  const tri::System sys = tri::Make_System(300, tri::Shape::Lower, 9, true, 0.2);
+  const vlu_case::Case &c = sys.c;
+  std::vector<int> stat = c.basis;
+  ASSERT_EQ(tri::Factor(c, stat), 0);
+  vlu::IfaceState &s = vlu::Iface();
+  ASSERT_FALSE(s.rKnown);
+  std::mt19937_64 gen(17);
+  std::vector<double> b(size_t(c.n)), x(size_t(2 * c.n + 1)), y(size_t(2 * c.n + 1));
+  int listed = 0;
+  for (int t = 0; t < 60; ++t) {
+    std::fill(b.begin(), b.end(), 0.0);
+    const int kind = int(gen() % 4);
+    if (kind == 0) std::fill(b.begin(), b.end(), 0.5);  // dense
+    const int nnz = kind == 1 ? 1 : kind == 2 ? 5 : 40;  // 40 is past n/10
+    if (kind != 0)
+      for (int k = 0; k < nnz; ++k) b[gen() % b.size()] = (k % 3 == 2) ? -0.0 : 1.0 + k;
+    vlu_solve(x.data(), b.data());
+    listed += s.saveCount >= 0;
+    ASSERT_EQ(std::memcmp(s.rSave + 1, b.data(), sizeof(double) * b.size()), 0) << "solve " << t;
+    s.workCount = s.saveCount = -1;  // the full copies once
+    vlu_solve(y.data(), b.data());
+    ASSERT_EQ(std::memcmp(x.data(), y.data(), sizeof(double) * x.size()), 0) << "solve " << t;
+    ASSERT_EQ(std::memcmp(s.rSave + 1, b.data(), sizeof(double) * b.size()), 0) << "solve " << t;
+  }
+  EXPECT_GT(listed, 20);
 }
 
 }  // namespace
