@@ -115,9 +115,9 @@ inline bool Copy_Eight(const double *src, double *dst, double *dst2) {
 
 // Copies rhs(0..n-1) into w(1..n) when ToW and into save(1..n) when ToS,
 // and lists the rows whose entries are not +0 (a -0 too) in list(1..) with
-// marks(row) = 1, as long as there are at most `cap` of them.  Returns their
-// number, or -1 when there are more; the marks are then clear again, and
-// the vectors that the call writes are written in full.
+// marks(row) = 1, as long as there are at most `cap` of them and no eight
+// in a row.  Returns their number, or -1 otherwise; the marks are then
+// clear again, and the vectors that the call writes are written in full.
 template <bool ToW, bool ToS>
 int32_t Copy_Listing(const double *rhs, double *w, double *save, int32_t n, int32_t *list,
                      int32_t *marks, int32_t cap) {
@@ -136,9 +136,13 @@ int32_t Copy_Listing(const double *rhs, double *w, double *save, int32_t n, int3
       }
     }
     if (!any) continue;
+    // Eight nonzeros in a row: a dense right-hand side, taken as such at
+    // once rather than listed up to the limit.
+    bool full = b == 8;
+    for (int k = 0; k < 8 && full; ++k) full = Bits(rhs[i + k]) != 0;
     for (int k = 0; k < b; ++k) {
-      if (Bits(rhs[i + k]) == 0) continue;
-      if (len == cap) {
+      if (!full && Bits(rhs[i + k]) == 0) continue;
+      if (full || len == cap) {
         // Too many: the solve takes the full form.
         for (int32_t t = 1; t <= len; ++t) marks[list[t]] = 0;
         i += 8;
@@ -312,11 +316,16 @@ extern "C" VLU_API int vlu_solve(double *sol, const double *rhs) {
   const int32_t total = 2 * n + 1;
   const int32_t *rwcl = vim->Rwcl.V;
   const int32_t *basc = vim->Basc.V;
-  // A base made before the factors changed behind the exported calls (the
-  // routines driven directly) is made again.
-  if (!s.solBaseReady || !(s.solBaseKey == Key_Now(s))) Make_Sol_Base(s, rwcl, basc, n);
+  // A solution with few nonzeros starts from the base; a dense one is
+  // filled and scattered in the order of the rows, which is cheaper than a
+  // copy and a scatter in the order of the list.  A base made before the
+  // factors changed behind the exported calls (the routines driven
+  // directly) is made again.
+  const bool fromBase = vim->Num_UpNz <= n / 4;
+  if (fromBase && (!s.solBaseReady || !(s.solBaseKey == Key_Now(s))))
+    Make_Sol_Base(s, rwcl, basc, n);
   int32_t bad = 0;
-  if (s.solBaseReady) {
+  if (fromBase && s.solBaseReady) {
     // The solution as it stands before its values, then the nonzeros,
     // which the solve has listed: every other row holds +0, which the base
     // has in place.  The rows of the base were all checked as basic when it
@@ -332,7 +341,7 @@ extern "C" VLU_API int vlu_solve(double *sol, const double *rhs) {
       sol[j - 1] = w[r];
     }
     // Work1 is +0 but at these rows: the next solve clears only them.
-    if (s.workRows != nullptr && numNz <= n / 4) {
+    if (s.workRows != nullptr) {
       std::memcpy(s.workRows + 1, nzRows + 1, sizeof(int32_t) * static_cast<size_t>(numNz));
       s.workCount = numNz;
     } else {
