@@ -316,15 +316,32 @@ extern "C" VLU_API int vlu_solve(double *sol, const double *rhs) {
   const int32_t total = 2 * n + 1;
   const int32_t *rwcl = vim->Rwcl.V;
   const int32_t *basc = vim->Basc.V;
-  // A solution with few nonzeros starts from the base; a dense one is
-  // filled and scattered in the order of the rows, which is cheaper than a
-  // copy and a scatter in the order of the list.  A base made before the
+  // A solution with few nonzeros starts from the base and takes its
+  // listed nonzeros; a dense one takes every row in the order of the rows,
+  // which is cheaper than a scatter in the order of the list.  A base made
+  // before the
   // factors changed behind the exported calls (the routines driven
   // directly) is made again.
   const bool fromBase = vim->Num_UpNz <= n / 4;
-  if (fromBase && (!s.solBaseReady || !(s.solBaseKey == Key_Now(s))))
+  if (!s.solBaseOff && (!s.solBaseReady || !(s.solBaseKey == Key_Now(s))))
     Make_Sol_Base(s, rwcl, basc, n);
+  if (s.solBaseOff) s.solBaseReady = false;
   int32_t bad = 0;
+  if (!fromBase && s.solBaseReady) {
+    // The base, then every row's value in the order of the rows; the rows
+    // of the base were checked as basic when it was made.
+    Copy_Block(s.solBase, sol, total);
+    int32_t i = 1;
+    for (; i + 3 <= n; i += 4) {
+      const int32_t j0 = rwcl[i], j1 = rwcl[i + 1], j2 = rwcl[i + 2], j3 = rwcl[i + 3];
+      sol[j0 - 1] = w[i];
+      sol[j1 - 1] = w[i + 1];
+      sol[j2 - 1] = w[i + 2];
+      sol[j3 - 1] = w[i + 3];
+    }
+    for (; i <= n; ++i) sol[rwcl[i] - 1] = w[i];
+    return 0;
+  }
   if (fromBase && s.solBaseReady) {
     // The solution as it stands before its values, then the nonzeros,
     // which the solve has listed: every other row holds +0, which the base

@@ -39,6 +39,7 @@ struct IfaceState {
   double *solBase = nullptr;
   bool solBaseReady = false;
   Factors_Key solBaseKey;          // the factors solBase stands for
+  bool solBaseOff = false;         // tests only: solutions without the base
   // The L stage of the last listed solve, for the update after it.
   Spike_Cache spike;
   // The rows where VIM%Work1 and rSave may be other than +0: workRows(1..
