@@ -46,13 +46,17 @@ void Free_Array(T *&p) {
   p = nullptr;
 }
 
-// Frees the interface arrays and the environment records.
-void Release_All(IfaceState &s) {
+void Free_Arrays(IfaceState &s) {
   Free_Array(s.singRow);
   Free_Array(s.singCol);
   Free_Array(s.mark);
   Free_Array(s.curStat);
   Free_Array(s.rSave);
+}
+
+// Frees the interface arrays and the environment records.
+void Release_All(IfaceState &s) {
+  Free_Arrays(s);
   int status = 0;
   VMI_Deallocate(&s.env, &status);
   s.env = nullptr;
@@ -73,9 +77,15 @@ int32_t Valid_Update_Limit(int32_t limit) {
 }
 
 // The cache of vector blocks ends every factor call bounded by what the new
-// environment uses, whichever way the call returns.
+// environment uses, whichever way the call returns; the blocks of a renewed
+// environment that no vector took back, or that are far too large for the
+// vector that took them, go first.
 struct Trim_On_Return {
-  ~Trim_On_Return() { Block_Cache_Trim(); }
+  IfaceState &s;
+  ~Trim_On_Return() {
+    if (s.env != nullptr) Settle_Blocks(s.env);
+    Block_Cache_Trim();
+  }
 };
 
 // Compares the basis that the factorization repaired (VIM%Basc) with the one
@@ -197,15 +207,28 @@ VLU_API int vlu_factor(const int *n_, const int *nz_, const int *colStart, const
   char fault[Arg_Msg_Len];
   if (!Check_Factor_Sizes(args, fault)) Hard_Stop(fault);
 
-  Trim_On_Return trim;
+  Trim_On_Return trim{s};
+  // An environment of an earlier call is renewed in place: its records take
+  // their defaults again and its vectors are released, keeping their blocks
+  // for the set-up below, which mostly asks for the same sizes.  The result
+  // is the environment a release and a new build give.  Only an allocation
+  // trace, whose lines the release writes one by one, takes the long way.
+  bool renewed = false;
   if (s.dataReady) {
     Block_Cache_Rebuild();
-    Release_All(s);
+    if (s.env != nullptr && s.env->Trace_Memory == 0) {
+      if (args.n != s.numRows) Free_Arrays(s);
+      s.dataReady = false;
+      Renew_Space(s.env);
+      renewed = true;
+    } else {
+      Release_All(s);
+    }
   }
   s.rKnown = (r != nullptr);
 
   int status = 0;
-  Allocate_Space(&s.env, &status);
+  if (!renewed) Allocate_Space(&s.env, &status);
   if (status != 0) {
     std::printf("\n** Fatal Error ** Basic data structures could not be allocated\n\n");
     VMI_Deallocate(&s.env, &status);
@@ -232,19 +255,23 @@ VLU_API int vlu_factor(const int *n_, const int *nz_, const int *colStart, const
   Allocate_Inversion(v);
   if (!v->EnoughSpace) {
     std::printf("after Allocate_Space(), not VMI%%EnoughSpace\n");
-    VMI_Deallocate(&s.env, &status);
-    s.env = nullptr;
-    s.vim = nullptr;
+    Release_All(s);
     return 4;
   }
 
   s.dataReady = true;
-  s.curStat = new (std::nothrow) int32_t[2 * static_cast<size_t>(n) + 2];
-  s.rSave = new (std::nothrow) double[static_cast<size_t>(n) + 1];
-  // The pairs read zero until a reconciliation writes them.
-  s.singRow = new (std::nothrow) int32_t[static_cast<size_t>(n) + 1]();
-  s.singCol = new (std::nothrow) int32_t[static_cast<size_t>(n) + 1]();
-  s.mark = new (std::nothrow) uint8_t[static_cast<size_t>(n) + 2];
+  if (s.curStat != nullptr) {
+    // Kept from the call before, of the same n.
+    std::memset(s.singRow, 0, (static_cast<size_t>(n) + 1) * sizeof(int32_t));
+    std::memset(s.singCol, 0, (static_cast<size_t>(n) + 1) * sizeof(int32_t));
+  } else {
+    s.curStat = new (std::nothrow) int32_t[2 * static_cast<size_t>(n) + 2];
+    s.rSave = new (std::nothrow) double[static_cast<size_t>(n) + 1];
+    // The pairs read zero until a reconciliation writes them.
+    s.singRow = new (std::nothrow) int32_t[static_cast<size_t>(n) + 1]();
+    s.singCol = new (std::nothrow) int32_t[static_cast<size_t>(n) + 1]();
+    s.mark = new (std::nothrow) uint8_t[static_cast<size_t>(n) + 2];
+  }
   if (!s.curStat || !s.rSave || !s.singRow || !s.singCol || !s.mark) {
     std::printf("\n** Fatal Error ** Basic data structures could not be allocated\n\n");
     Release_All(s);

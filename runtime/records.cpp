@@ -8,6 +8,7 @@
 #include <cstring>
 #include <new>
 #include <thread>
+#include <type_traits>
 
 #include "runtime/clock.h"
 #include "runtime/dumps.h"
@@ -291,6 +292,58 @@ void VDP_Deallocate(VMI *v, int *) {
   v->Vdp = nullptr;
 }
 
+namespace {
+
+// With every vector released the statistics must be back at zero; a vector
+// allocated outside the records shows here.
+void Prove_Balance(VMI *v) {
+  if (v->NumVec_Int != 0 || v->NumVec_Real != 0 || v->NumVec_Log != 0 || v->NumEle_Int != 0 ||
+      v->NumEle_Real != 0 || v->NumEle_Log != 0 || v->Mem_Current != 0) {
+    Doc(v, "** Fatal Error ** Memory statistics not in balance after executing VMI_Deallocate:");
+    MemStat(v);
+    VMI_Dump_All(v);
+    Internal_Error(v, 9999, true);
+  }
+}
+
+void Free_Thread_Data(VMI *v) {
+  std::free(v->Th_Start);
+  std::free(v->Th_End);
+  for (auto &p : v->Th_Model) std::free(p);
+}
+
+struct Park_Slot {
+  VMI *v;
+  template <typename V> void operator()(const char *, V &x) const { Park_Vector(v, x); }
+};
+
+struct Settle_Slot {
+  template <typename V> void operator()(const char *, V &x) const { Settle_Vector(x); }
+};
+
+// A fresh slot takes over the name and the spare of the old one.
+struct Carry_Slot {
+  template <typename T> void operator()(RecVec<T> &fresh, RecVec<T> &old) const {
+    std::memcpy(fresh.Name, old.Name, sizeof fresh.Name);
+    fresh.Spare = old.Spare;
+    fresh.SpareBytes = old.SpareBytes;
+  }
+  template <typename T, PlainKind K> void operator()(PlainVec<T, K> &fresh, PlainVec<T, K> &old) const {
+    fresh.Spare = old.Spare;
+    fresh.SpareBytes = old.SpareBytes;
+  }
+};
+
+// The record with its defaults, its slots empty but for names and spares.
+template <typename R>
+void Renew_Record(R &r) {
+  R fresh;
+  ForEachVecPair(fresh, r, Carry_Slot{});
+  r = fresh;
+}
+
+}  // namespace
+
 void VMI_Deallocate(VMI **env, int *status) {
   VMI *v = *env;
   if (v == nullptr) return;
@@ -310,19 +363,58 @@ void VMI_Deallocate(VMI **env, int *status) {
     MemStat(v);
     VMI_Dump_All(v);
   }
-  if (v->NumVec_Int != 0 || v->NumVec_Real != 0 || v->NumVec_Log != 0 || v->NumEle_Int != 0 ||
-      v->NumEle_Real != 0 || v->NumEle_Log != 0 || v->Mem_Current != 0) {
-    Doc(v, "** Fatal Error ** Memory statistics not in balance after executing VMI_Deallocate:");
-    MemStat(v);
-    VMI_Dump_All(v);
-    Internal_Error(v, 9999, true);
-  }
+  Prove_Balance(v);
   // Pending lines are dropped with the environment.
-  std::free(v->Th_Start);
-  std::free(v->Th_End);
-  for (auto &p : v->Th_Model) std::free(p);
+  Free_Thread_Data(v);
   delete v;
   *env = nullptr;
+}
+
+void Renew_Space(VMI *v) {
+  ForEachVec(*v->Bnd, Park_Slot{v});
+  ForEachVec(*v->Luf, Park_Slot{v});
+  ForEachVec(*v->Iin, Park_Slot{v});
+  ForEachVec(*v->Vim, Park_Slot{v});
+  Prove_Balance(v);
+  Free_Thread_Data(v);
+
+  Renew_Record(*v->Vim);
+  Renew_Record(*v->Luf);
+  Renew_Record(*v->Iin);
+  Renew_Record(*v->Bnd);
+  *v->Anon = AnonRec();
+  *v->Vum = VUM();
+  *v->Vpi = VPI();
+  *v->Vdp = VDP();
+
+  // VMI anew in place, pending lines dropped; the records stay.
+  AnonRec *anon = v->Anon;
+  VUM *vum = v->Vum;
+  VIM *vim = v->Vim;
+  VPI *vpi = v->Vpi;
+  LUF *luf = v->Luf;
+  IIN *iin = v->Iin;
+  VDP *vdp = v->Vdp;
+  BND *bnd = v->Bnd;
+  static_assert(std::is_trivially_destructible<VMI>::value, "VMI is renewed in place");
+  new (v) VMI();
+  v->Anon = anon;
+  v->Vum = vum;
+  v->Vim = vim;
+  v->Vpi = vpi;
+  v->Luf = luf;
+  v->Iin = iin;
+  v->Vdp = vdp;
+  v->Bnd = bnd;
+  VMI_Defaults(v);
+  Record_Defaults(v);
+}
+
+void Settle_Blocks(VMI *v) {
+  if (v->Vim != nullptr) ForEachVec(*v->Vim, Settle_Slot{});
+  if (v->Luf != nullptr) ForEachVec(*v->Luf, Settle_Slot{});
+  if (v->Iin != nullptr) ForEachVec(*v->Iin, Settle_Slot{});
+  if (v->Bnd != nullptr) ForEachVec(*v->Bnd, Settle_Slot{});
 }
 
 }  // namespace vlu
