@@ -312,34 +312,42 @@ void Free_Thread_Data(VMI *v) {
   for (auto &p : v->Th_Model) std::free(p);
 }
 
-struct Park_Slot {
-  VMI *v;
-  template <typename V> void operator()(const char *, V &x) const { Park_Vector(v, x); }
-};
+// The records as Allocate_Space builds them, with the names of their record
+// vectors, made once: a renewal copies them.
+template <typename R>
+const R &Prototype() {
+  static const R proto = [] {
+    R r;
+    ForEachVec(r, Name_Slot{});
+    return r;
+  }();
+  return proto;
+}
 
-struct Settle_Slot {
-  template <typename V> void operator()(const char *, V &x) const { Settle_Vector(x); }
-};
+const VMI &VMI_Prototype() {
+  static const VMI *proto = [] {
+    VMI *v = new VMI();  // value-initialised as by Allocate_Space; kept for the process
+    VMI_Defaults(v);
+    return v;
+  }();
+  return *proto;
+}
 
-// A fresh slot takes over the name and the spare of the old one.
-struct Carry_Slot {
-  template <typename T> void operator()(RecVec<T> &fresh, RecVec<T> &old) const {
-    std::memcpy(fresh.Name, old.Name, sizeof fresh.Name);
-    fresh.Spare = old.Spare;
-    fresh.SpareBytes = old.SpareBytes;
-  }
-  template <typename T, PlainKind K> void operator()(PlainVec<T, K> &fresh, PlainVec<T, K> &old) const {
-    fresh.Spare = old.Spare;
-    fresh.SpareBytes = old.SpareBytes;
-  }
-};
-
-// The record with its defaults, its slots empty but for names and spares.
+// The record with its defaults and names, each slot keeping its spare.
 template <typename R>
 void Renew_Record(R &r) {
-  R fresh;
-  ForEachVecPair(fresh, r, Carry_Slot{});
-  r = fresh;
+  struct Kept { void *p; int64_t bytes; };
+  Kept kept[64];
+  int k = 0;
+  ForEachVec(r, [&](const char *, auto &x) { kept[k++] = Kept{x.Spare, x.SpareBytes}; });
+  r = Prototype<R>();
+  k = 0;
+  ForEachVec(r, [&](const char *, auto &x) {
+    using Elem = std::remove_pointer_t<decltype(x.Spare)>;
+    x.Spare = static_cast<Elem *>(kept[k].p);
+    x.SpareBytes = kept[k].bytes;
+    ++k;
+  });
 }
 
 }  // namespace
@@ -371,10 +379,7 @@ void VMI_Deallocate(VMI **env, int *status) {
 }
 
 void Renew_Space(VMI *v) {
-  ForEachVec(*v->Bnd, Park_Slot{v});
-  ForEachVec(*v->Luf, Park_Slot{v});
-  ForEachVec(*v->Iin, Park_Slot{v});
-  ForEachVec(*v->Vim, Park_Slot{v});
+  Park_Vectors(v);
   Prove_Balance(v);
   Free_Thread_Data(v);
 
@@ -387,7 +392,7 @@ void Renew_Space(VMI *v) {
   *v->Vpi = VPI();
   *v->Vdp = VDP();
 
-  // VMI anew in place, pending lines dropped; the records stay.
+  // VMI anew, pending lines dropped; the records stay.
   AnonRec *anon = v->Anon;
   VUM *vum = v->Vum;
   VIM *vim = v->Vim;
@@ -396,8 +401,7 @@ void Renew_Space(VMI *v) {
   IIN *iin = v->Iin;
   VDP *vdp = v->Vdp;
   BND *bnd = v->Bnd;
-  static_assert(std::is_trivially_destructible<VMI>::value, "VMI is renewed in place");
-  new (v) VMI();
+  *v = VMI_Prototype();
   v->Anon = anon;
   v->Vum = vum;
   v->Vim = vim;
@@ -406,15 +410,7 @@ void Renew_Space(VMI *v) {
   v->Iin = iin;
   v->Vdp = vdp;
   v->Bnd = bnd;
-  VMI_Defaults(v);
   Record_Defaults(v);
-}
-
-void Settle_Blocks(VMI *v) {
-  if (v->Vim != nullptr) ForEachVec(*v->Vim, Settle_Slot{});
-  if (v->Luf != nullptr) ForEachVec(*v->Luf, Settle_Slot{});
-  if (v->Iin != nullptr) ForEachVec(*v->Iin, Settle_Slot{});
-  if (v->Bnd != nullptr) ForEachVec(*v->Bnd, Settle_Slot{});
 }
 
 }  // namespace vlu

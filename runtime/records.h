@@ -427,6 +427,8 @@ void Renew_Space(VMI *vmi);
 // The end of a factor call: gives back the spares that no allocation took and
 // moves vectors out of blocks far larger than they count (Settle_Vector).
 void Settle_Blocks(VMI *vmi);
+// Park_Vector for every slot of the records (the first step of Renew_Space).
+void Park_Vectors(VMI *vmi);
 
 void LUF_Deallocate(VMI *vmi, int *status);
 void IIN_Deallocate(VMI *vmi, int *status);

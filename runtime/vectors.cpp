@@ -682,6 +682,45 @@ void Settle_Vector(IntVec &v) { Plain_Settle(v); }
 void Settle_Vector(LIntVec &v) { Plain_Settle(v); }
 void Settle_Vector(LogVec &v) { Plain_Settle(v); }
 
+namespace {
+
+// The per-slot routines over all slots of the records, inlined: a renewal
+// runs them for every slot.
+struct Park_Slot {
+  VMI *v;
+  template <typename T> void operator()(const char *, RecVec<T> &x) const {
+    if (x.Base != nullptr || x.Spare != nullptr) Rec_Park<T>(v, x);
+  }
+  template <typename T, PlainKind K> void operator()(const char *, PlainVec<T, K> &x) const {
+    if (x.Alloc || x.Spare != nullptr) Plain_Park(v, x);
+  }
+};
+
+struct Settle_Slot {
+  template <typename T> void operator()(const char *, RecVec<T> &x) const {
+    if (x.Spare != nullptr || x.Cap > 2 * int64_t(x.BaseSize) * int64_t(sizeof(T)) + 64) Rec_Settle(x);
+  }
+  template <typename T, PlainKind K> void operator()(const char *, PlainVec<T, K> &x) const {
+    if (x.Spare != nullptr || x.Cap > 2 * int64_t(x.Size) * int64_t(sizeof(T)) + 64) Plain_Settle(x);
+  }
+};
+
+}  // namespace
+
+void Park_Vectors(VMI *vmi) {
+  ForEachVec(*vmi->Bnd, Park_Slot{vmi});
+  ForEachVec(*vmi->Luf, Park_Slot{vmi});
+  ForEachVec(*vmi->Iin, Park_Slot{vmi});
+  ForEachVec(*vmi->Vim, Park_Slot{vmi});
+}
+
+void Settle_Blocks(VMI *vmi) {
+  if (vmi->Vim != nullptr) ForEachVec(*vmi->Vim, Settle_Slot{});
+  if (vmi->Luf != nullptr) ForEachVec(*vmi->Luf, Settle_Slot{});
+  if (vmi->Iin != nullptr) ForEachVec(*vmi->Iin, Settle_Slot{});
+  if (vmi->Bnd != nullptr) ForEachVec(*vmi->Bnd, Settle_Slot{});
+}
+
 void Reuse_RVec(VMI *vmi, RVec &vecOld, RVec &vecNew) {
   char oldName[21], newName[21];
   if (vmi->Trace_Memory > 0)
