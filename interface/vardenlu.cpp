@@ -97,6 +97,9 @@ int32_t Reconcile(IfaceState &s) {
   const int32_t n = s.numRows;
   const int32_t *basc = s.vim->Basc.V;
   int32_t *cur = s.curStat;
+  // Mostly the factorization kept the basis: nothing to pair.
+  if (std::memcmp(cur + 1, basc + 1, (2 * static_cast<size_t>(n) + 1) * sizeof(int32_t)) == 0)
+    return 0;
   uint8_t *mark = s.mark;
   std::memset(mark, 0, static_cast<size_t>(n) + 2);
   constexpr uint8_t Dropped = 6, Added = 7;
@@ -284,13 +287,17 @@ VLU_API int vlu_factor(const int *n_, const int *nz_, const int *colStart, const
   if (!Load_Factor_Matrix(v, args, fault)) Hard_Stop(fault);
 
   if (basisStat[n] == IBasic && !s.rKnown) Hard_Stop("t basic but r unknown");
+  // Copied in one branch-free pass; a value with a bit set other than bit 1
+  // stops the call (the copy is then of no use).
   int32_t *basc = vim->Basc.V;
+  int32_t bogus = 0;
   for (int32_t j = 1; j <= 2 * n + 1; ++j) {
-    if ((basisStat[j - 1] & ~2) != 0)
-      Hard_Stop("BOGUS BasisStat value found: expected NBasic or IBasic");
-    basc[j] = basisStat[j - 1];
+    const int32_t x = basisStat[j - 1];
+    bogus |= x & ~2;
+    basc[j] = x;
   }
-  for (int32_t j = 1; j <= 2 * n + 1; ++j) s.curStat[j] = basisStat[j - 1];
+  if (bogus != 0) Hard_Stop("BOGUS BasisStat value found: expected NBasic or IBasic");
+  std::memcpy(s.curStat + 1, basc + 1, (2 * static_cast<size_t>(n) + 1) * sizeof(int32_t));
 
   LUFactor(v);
   // Space that the factorization could not get is the caller's out-of-memory
