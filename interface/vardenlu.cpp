@@ -46,15 +46,23 @@ void Free_Array(T *&p) {
   p = nullptr;
 }
 
-// Frees the interface arrays and the environment records.
-void Release_All(IfaceState &s) {
+// What the solves kept about the factors of the call before (the solution
+// base, the stages of the last listed solve, the lists of nonzeros of Work1
+// and rSave) describes factors that a new factorization replaces; their
+// keys could match the new factors by chance, so they are dropped outright.
+void Forget_Solve_Caches(IfaceState &s) {
+  s.solBaseReady = false;
+  s.spike.valid = false;
+  s.workCount = s.saveCount = -1;
+}
+
+void Free_Arrays(IfaceState &s) {
   Free_Array(s.singRow);
   Free_Array(s.singCol);
   Free_Array(s.mark);
   Free_Array(s.curStat);
   Free_Array(s.rSave);
   Free_Array(s.solBase);
-  s.solBaseReady = false;
   Free_Array(s.spike.inRows);
   Free_Array(s.spike.inVals);
   Free_Array(s.spike.outRows);
@@ -63,8 +71,12 @@ void Release_All(IfaceState &s) {
   Free_Array(s.spike.finVals);
   Free_Array(s.workRows);
   Free_Array(s.saveRows);
-  s.workCount = s.saveCount = -1;
-  s.spike.valid = false;
+  Forget_Solve_Caches(s);
+}
+
+// Frees the interface arrays and the environment records.
+void Release_All(IfaceState &s) {
+  Free_Arrays(s);
   int status = 0;
   VMI_Deallocate(&s.env, &status);
   s.env = nullptr;
@@ -85,9 +97,15 @@ int32_t Valid_Update_Limit(int32_t limit) {
 }
 
 // The cache of vector blocks ends every factor call bounded by what the new
-// environment uses, whichever way the call returns.
+// environment uses, whichever way the call returns; the blocks of a renewed
+// environment that no vector took back, or that are far too large for the
+// vector that took them, go first.
 struct Trim_On_Return {
-  ~Trim_On_Return() { Block_Cache_Trim(); }
+  IfaceState &s;
+  ~Trim_On_Return() {
+    if (s.env != nullptr) Settle_Blocks(s.env);
+    Block_Cache_Trim();
+  }
 };
 
 // Compares the basis that the factorization repaired (VIM%Basc) with the one
@@ -99,6 +117,9 @@ int32_t Reconcile(IfaceState &s) {
   const int32_t n = s.numRows;
   const int32_t *basc = s.vim->Basc.V;
   int32_t *cur = s.curStat;
+  // Mostly the factorization kept the basis: nothing to pair.
+  if (std::memcmp(cur + 1, basc + 1, (2 * static_cast<size_t>(n) + 1) * sizeof(int32_t)) == 0)
+    return 0;
   uint8_t *mark = s.mark;
   std::memset(mark, 0, static_cast<size_t>(n) + 2);
   constexpr uint8_t Dropped = 6, Added = 7;
@@ -209,15 +230,29 @@ VLU_API int vlu_factor(const int *n_, const int *nz_, const int *colStart, const
   char fault[Arg_Msg_Len];
   if (!Check_Factor_Sizes(args, fault)) Hard_Stop(fault);
 
-  Trim_On_Return trim;
+  Trim_On_Return trim{s};
+  // An environment of an earlier call is renewed in place: its records take
+  // their defaults again and its vectors are released, keeping their blocks
+  // for the set-up below, which mostly asks for the same sizes.  The result
+  // is the environment a release and a new build give.  Only an allocation
+  // trace, whose lines the release writes one by one, takes the long way.
+  bool renewed = false;
   if (s.dataReady) {
     Block_Cache_Rebuild();
-    Release_All(s);
+    if (s.env != nullptr && s.env->Trace_Memory == 0) {
+      if (args.n != s.numRows) Free_Arrays(s);
+      Forget_Solve_Caches(s);
+      s.dataReady = false;
+      Renew_Space(s.env);
+      renewed = true;
+    } else {
+      Release_All(s);
+    }
   }
   s.rKnown = (r != nullptr);
 
   int status = 0;
-  Allocate_Space(&s.env, &status);
+  if (!renewed) Allocate_Space(&s.env, &status);
   if (status != 0) {
     std::printf("\n** Fatal Error ** Basic data structures could not be allocated\n\n");
     VMI_Deallocate(&s.env, &status);
@@ -244,19 +279,23 @@ VLU_API int vlu_factor(const int *n_, const int *nz_, const int *colStart, const
   Allocate_Inversion(v);
   if (!v->EnoughSpace) {
     std::printf("after Allocate_Space(), not VMI%%EnoughSpace\n");
-    VMI_Deallocate(&s.env, &status);
-    s.env = nullptr;
-    s.vim = nullptr;
+    Release_All(s);
     return 4;
   }
 
   s.dataReady = true;
-  s.curStat = new (std::nothrow) int32_t[2 * static_cast<size_t>(n) + 2];
-  s.rSave = new (std::nothrow) double[static_cast<size_t>(n) + 1];
-  // The pairs read zero until a reconciliation writes them.
-  s.singRow = new (std::nothrow) int32_t[static_cast<size_t>(n) + 1]();
-  s.singCol = new (std::nothrow) int32_t[static_cast<size_t>(n) + 1]();
-  s.mark = new (std::nothrow) uint8_t[static_cast<size_t>(n) + 2];
+  if (s.curStat != nullptr) {
+    // Kept from the call before, of the same n.
+    std::memset(s.singRow, 0, (static_cast<size_t>(n) + 1) * sizeof(int32_t));
+    std::memset(s.singCol, 0, (static_cast<size_t>(n) + 1) * sizeof(int32_t));
+  } else {
+    s.curStat = new (std::nothrow) int32_t[2 * static_cast<size_t>(n) + 2];
+    s.rSave = new (std::nothrow) double[static_cast<size_t>(n) + 1];
+    // The pairs read zero until a reconciliation writes them.
+    s.singRow = new (std::nothrow) int32_t[static_cast<size_t>(n) + 1]();
+    s.singCol = new (std::nothrow) int32_t[static_cast<size_t>(n) + 1]();
+    s.mark = new (std::nothrow) uint8_t[static_cast<size_t>(n) + 2];
+  }
   if (!s.curStat || !s.rSave || !s.singRow || !s.singCol || !s.mark) {
     std::printf("\n** Fatal Error ** Basic data structures could not be allocated\n\n");
     Release_All(s);
@@ -269,13 +308,17 @@ VLU_API int vlu_factor(const int *n_, const int *nz_, const int *colStart, const
   if (!Load_Factor_Matrix(v, args, fault)) Hard_Stop(fault);
 
   if (basisStat[n] == IBasic && !s.rKnown) Hard_Stop("t basic but r unknown");
+  // Copied in one branch-free pass; a value with a bit set other than bit 1
+  // stops the call (the copy is then of no use).
   int32_t *basc = vim->Basc.V;
+  int32_t bogus = 0;
   for (int32_t j = 1; j <= 2 * n + 1; ++j) {
-    if ((basisStat[j - 1] & ~2) != 0)
-      Hard_Stop("BOGUS BasisStat value found: expected NBasic or IBasic");
-    basc[j] = basisStat[j - 1];
+    const int32_t x = basisStat[j - 1];
+    bogus |= x & ~2;
+    basc[j] = x;
   }
-  for (int32_t j = 1; j <= 2 * n + 1; ++j) s.curStat[j] = basisStat[j - 1];
+  if (bogus != 0) Hard_Stop("BOGUS BasisStat value found: expected NBasic or IBasic");
+  std::memcpy(s.curStat + 1, basc + 1, (2 * static_cast<size_t>(n) + 1) * sizeof(int32_t));
 
   LUFactor(v);
   // Space that the factorization could not get is the caller's out-of-memory

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <new>
 #include <thread>
+#include <type_traits>
 
 #include "runtime/clock.h"
 #include "runtime/dumps.h"
@@ -291,6 +292,66 @@ void VDP_Deallocate(VMI *v, int *) {
   v->Vdp = nullptr;
 }
 
+namespace {
+
+// With every vector released the statistics must be back at zero; a vector
+// allocated outside the records shows here.
+void Prove_Balance(VMI *v) {
+  if (v->NumVec_Int != 0 || v->NumVec_Real != 0 || v->NumVec_Log != 0 || v->NumEle_Int != 0 ||
+      v->NumEle_Real != 0 || v->NumEle_Log != 0 || v->Mem_Current != 0) {
+    Doc(v, "** Fatal Error ** Memory statistics not in balance after executing VMI_Deallocate:");
+    MemStat(v);
+    VMI_Dump_All(v);
+    Internal_Error(v, 9999, true);
+  }
+}
+
+void Free_Thread_Data(VMI *v) {
+  std::free(v->Th_Start);
+  std::free(v->Th_End);
+  for (auto &p : v->Th_Model) std::free(p);
+}
+
+// The records as Allocate_Space builds them, with the names of their record
+// vectors, made once: a renewal copies them.
+template <typename R>
+const R &Prototype() {
+  static const R proto = [] {
+    R r;
+    ForEachVec(r, Name_Slot{});
+    return r;
+  }();
+  return proto;
+}
+
+const VMI &VMI_Prototype() {
+  static const VMI *proto = [] {
+    VMI *v = new VMI();  // value-initialised as by Allocate_Space; kept for the process
+    VMI_Defaults(v);
+    return v;
+  }();
+  return *proto;
+}
+
+// The record with its defaults and names, each slot keeping its spare.
+template <typename R>
+void Renew_Record(R &r) {
+  struct Kept { void *p; int64_t bytes; };
+  Kept kept[64];
+  int k = 0;
+  ForEachVec(r, [&](const char *, auto &x) { kept[k++] = Kept{x.Spare, x.SpareBytes}; });
+  r = Prototype<R>();
+  k = 0;
+  ForEachVec(r, [&](const char *, auto &x) {
+    using Elem = std::remove_pointer_t<decltype(x.Spare)>;
+    x.Spare = static_cast<Elem *>(kept[k].p);
+    x.SpareBytes = kept[k].bytes;
+    ++k;
+  });
+}
+
+}  // namespace
+
 void VMI_Deallocate(VMI **env, int *status) {
   VMI *v = *env;
   if (v == nullptr) return;
@@ -310,19 +371,46 @@ void VMI_Deallocate(VMI **env, int *status) {
     MemStat(v);
     VMI_Dump_All(v);
   }
-  if (v->NumVec_Int != 0 || v->NumVec_Real != 0 || v->NumVec_Log != 0 || v->NumEle_Int != 0 ||
-      v->NumEle_Real != 0 || v->NumEle_Log != 0 || v->Mem_Current != 0) {
-    Doc(v, "** Fatal Error ** Memory statistics not in balance after executing VMI_Deallocate:");
-    MemStat(v);
-    VMI_Dump_All(v);
-    Internal_Error(v, 9999, true);
-  }
+  Prove_Balance(v);
   // Pending lines are dropped with the environment.
-  std::free(v->Th_Start);
-  std::free(v->Th_End);
-  for (auto &p : v->Th_Model) std::free(p);
+  Free_Thread_Data(v);
   delete v;
   *env = nullptr;
+}
+
+void Renew_Space(VMI *v) {
+  Park_Vectors(v);
+  Prove_Balance(v);
+  Free_Thread_Data(v);
+
+  Renew_Record(*v->Vim);
+  Renew_Record(*v->Luf);
+  Renew_Record(*v->Iin);
+  Renew_Record(*v->Bnd);
+  *v->Anon = AnonRec();
+  *v->Vum = VUM();
+  *v->Vpi = VPI();
+  *v->Vdp = VDP();
+
+  // VMI anew, pending lines dropped; the records stay.
+  AnonRec *anon = v->Anon;
+  VUM *vum = v->Vum;
+  VIM *vim = v->Vim;
+  VPI *vpi = v->Vpi;
+  LUF *luf = v->Luf;
+  IIN *iin = v->Iin;
+  VDP *vdp = v->Vdp;
+  BND *bnd = v->Bnd;
+  *v = VMI_Prototype();
+  v->Anon = anon;
+  v->Vum = vum;
+  v->Vim = vim;
+  v->Vpi = vpi;
+  v->Luf = luf;
+  v->Iin = iin;
+  v->Vdp = vdp;
+  v->Bnd = bnd;
+  Record_Defaults(v);
 }
 
 }  // namespace vlu

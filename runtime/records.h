@@ -418,6 +418,17 @@ void Allocate_Space(VMI **env, int *status);
 void Allocate_Inversion(VMI *vmi);
 // Tears the whole environment down and proves the memory balance.
 void VMI_Deallocate(VMI **env, int *status);
+// Tears the environment down to its records and gives them their defaults
+// again, as VMI_Deallocate followed by Allocate_Space would, without trace
+// lines: every vector is released with its accounting and the balance is
+// proven, but each vector's block stays with its slot as a spare
+// (Park_Vector) that the next allocation of the same size takes back.
+void Renew_Space(VMI *vmi);
+// The end of a factor call: gives back the spares that no allocation took and
+// moves vectors out of blocks far larger than they count (Settle_Vector).
+void Settle_Blocks(VMI *vmi);
+// Park_Vector for every slot of the records (the first step of Renew_Space).
+void Park_Vectors(VMI *vmi);
 
 void LUF_Deallocate(VMI *vmi, int *status);
 void IIN_Deallocate(VMI *vmi, int *status);
@@ -460,5 +471,12 @@ template <typename F> void ForEachVec(BND &r, F &&f) { VLU_BND_VECTORS(VLU_VEC_V
 template <typename F> void ForEachVec(VIM &r, F &&f) { VLU_VIM_VECTORS(VLU_VEC_VISIT) }
 template <typename F> void ForEachVec(LUF &r, F &&f) { VLU_LUF_VECTORS(VLU_VEC_VISIT) }
 template <typename F> void ForEachVec(IIN &r, F &&f) { VLU_IIN_VECTORS(VLU_VEC_VISIT) }
+
+// The same slot of two records of one type side by side: f(slotOfA, slotOfB).
+#define VLU_VEC_VISIT_PAIR(Rec, Kind, Member) f(a.Member, b.Member);
+template <typename F> void ForEachVecPair(BND &a, BND &b, F &&f) { VLU_BND_VECTORS(VLU_VEC_VISIT_PAIR) }
+template <typename F> void ForEachVecPair(VIM &a, VIM &b, F &&f) { VLU_VIM_VECTORS(VLU_VEC_VISIT_PAIR) }
+template <typename F> void ForEachVecPair(LUF &a, LUF &b, F &&f) { VLU_LUF_VECTORS(VLU_VEC_VISIT_PAIR) }
+template <typename F> void ForEachVecPair(IIN &a, IIN &b, F &&f) { VLU_IIN_VECTORS(VLU_VEC_VISIT_PAIR) }
 
 }  // namespace vlu

@@ -91,8 +91,10 @@ void Systems_Error(VMI *vmi, const char *name, const char *what, const char *rou
 }
 
 // Common failure path of allocation and enlargement.
-void Memory_Failure(VMI *vmi, const char *routine, const char *name, int32_t n, bool increase,
-                    bool limit) {
+void Memory_Failure(VMI *vmi, const char *routine, const char *rawName, bool padded, int32_t n,
+                    bool increase, bool limit) {
+  char trimmed[21];
+  const char *name = padded ? Trim_Name(rawName, trimmed) : rawName;
   vmi->EnoughSpace = false;
   if (vmi->Trace_Memory > 0) {
     if (increase)
@@ -128,25 +130,47 @@ void Memory_Failure(VMI *vmi, const char *routine, const char *name, int32_t n, 
   Raise_Exception(vmi, 96);
 }
 
-// The limit test and the raw block of an allocation or an enlargement.  On
-// failure the memory failure path runs and null comes back.
-template <typename T>
-T *Get_Block(VMI *vmi, int64_t bytes, const char *routine, const char *name, int32_t n,
-             bool increase) {
+// The limit tests of an allocation or an enlargement: false after the memory
+// failure path ran.  The name may be blank padded (a record vector's): it is
+// trimmed only for the messages.
+bool Request_Ok(VMI *vmi, int64_t bytes, const char *routine, const char *name, bool padded,
+                int32_t n, bool increase) {
   ++Test_Alloc_Count;
   if (Test_Alloc_Fail_At > 0 && Test_Alloc_Count >= Test_Alloc_Fail_At) {
     Test_Alloc_Fail_At = 0;  // one injected failure per arming
-    Memory_Failure(vmi, routine, name, n, increase, true);
-    return nullptr;
+    Memory_Failure(vmi, routine, name, padded, n, increase, true);
+    return false;
   }
   if (Over_Limit(vmi, bytes)) {
-    Memory_Failure(vmi, routine, name, n, increase, true);
-    return nullptr;
+    Memory_Failure(vmi, routine, name, padded, n, increase, true);
+    return false;
   }
-  T *p = static_cast<T *>(Raw_Alloc(bytes));
-  if (p == nullptr) Memory_Failure(vmi, routine, name, n, increase, false);
-  return p;
+  return true;
 }
+
+// A block of at least `bytes` for a vector slot: the slot's spare when it is
+// large enough, else a new one (the spare is given back first).  *cap
+// receives the size of the block; null when the system has none.
+template <typename T> T *Slot_Block(T *&spare, int64_t &spareBytes, int64_t bytes, int64_t *cap) {
+  if (spare != nullptr) {
+    T *kept = spare;
+    const int64_t keptBytes = spareBytes;
+    spare = nullptr;
+    spareBytes = 0;
+    if (keptBytes >= bytes) {
+      *cap = keptBytes;
+      return kept;
+    }
+    Raw_Free(kept, keptBytes);
+  }
+  *cap = bytes;
+  return static_cast<T *>(Raw_Alloc(bytes));
+}
+
+// A block larger than twice what its vector counts, and by more than a cache
+// line, goes back after a copy to one of the counted size, so that memory
+// outside the accounting stays small.  A failed copy keeps the large block.
+bool Too_Large(int64_t cap, int64_t bytes) { return cap > 2 * bytes + 64; }
 
 // ---------------------------------------------------------------------------
 // Record vectors.
@@ -195,33 +219,42 @@ template <typename T> void Fill(T *v1, int32_t from, int32_t to, T value) {
   for (int32_t i = from; i <= to; ++i) v1[i] = value;
 }
 
+// The name of a record vector for a message, its blanks cut (only when a
+// message is sent).
+#define VLU_NAME(v) Trim_Name((v).Name, nameBuf)
+
 template <typename T> void Rec_Allocate(VMI *vmi, RecVec<T> &v, int32_t length, int32_t numThread) {
   using Info = RecInfo<T>;
   if (!vmi->EnoughSpace) return;
   const char *routine = Info::Alloc;
-  char name[21];
-  Trim_Name(v.Name, name);
+  char nameBuf[21];
   if (numThread < 1) numThread = 1;
   v.Length = length;
   v.NumThread = numThread;
   v.Offset = Rec_Offset<T>(length);
   if (length < 0) {
-    Systems_Error(vmi, name, " has negative length in ", routine, Info::ErrNegative);
+    Systems_Error(vmi, VLU_NAME(v), " has negative length in ", routine, Info::ErrNegative);
     return;
   }
   if (v.Base != nullptr) {
-    Systems_Error(vmi, name, " is already allocated in ", routine, 3302);
+    Systems_Error(vmi, VLU_NAME(v), " is already allocated in ", routine, 3302);
     return;
   }
   const int32_t size = Rec_AllocSize<T>(length, numThread);
   const int32_t total = TotalLength(length, numThread, v.Offset);
   const int64_t bytes = int64_t(size) * int64_t(sizeof(T));
-  T *base = Get_Block<T>(vmi, bytes, routine, name, length, false);
-  if (base == nullptr) return;
+  if (!Request_Ok(vmi, bytes, routine, v.Name, true, length, false)) return;
+  int64_t cap = 0;
+  T *base = Slot_Block(v.Spare, v.SpareBytes, bytes, &cap);
+  if (base == nullptr) {
+    Memory_Failure(vmi, routine, v.Name, true, length, false, false);
+    return;
+  }
   Count_New(vmi, bytes);
   Account(vmi, Info::Class, 1, size);
 
   v.Base = base;
+  v.Cap = cap;
   v.BaseSize = size;
   v.Val = Aligned_View(base);
   v.Extent = total;
@@ -236,25 +269,42 @@ template <typename T> void Rec_Allocate(VMI *vmi, RecVec<T> &v, int32_t length, 
   const long long address = static_cast<long long>(reinterpret_cast<uintptr_t>(v.Val + 1));
   if (vmi->Trace_Memory > 0) {
     Doc(vmi, "%s: Vector %s has been allocated with%10d (%10d) elements. Address=%15lld", routine,
-        name, length, size, address);
+        VLU_NAME(v), length, size, address);
     if (numThread > 1)
       Doc(vmi, "Threads=%3d, Offset=%10d and total length=%10d", numThread, v.Offset, total);
     if (vmi->Trace_Memory > 1) MemStat(vmi);
   }
   if (reinterpret_cast<uintptr_t>(v.Val + 1) % 64 != 0) {
-    Doc(vmi, "%s: Vector %s was not allocated on a cache line. Address=%15lld", routine, name, address);
+    Doc(vmi, "%s: Vector %s was not allocated on a cache line. Address=%15lld", routine, VLU_NAME(v),
+        address);
     Internal_Error(vmi, 3399, true);
   }
+}
+
+template <typename T> void Rec_Drop_Spare(RecVec<T> &v) {
+  if (v.Spare == nullptr) return;
+  Raw_Free(v.Spare, v.SpareBytes);
+  v.Spare = nullptr;
+  v.SpareBytes = 0;
+}
+
+// Forgets the block of an owning vector after its release was counted.
+template <typename T> void Rec_Clear(RecVec<T> &v) {
+  v.Base = nullptr;
+  v.Val = nullptr;
+  v.Cap = 0;
+  v.BaseSize = 0;
+  v.Extent = 0;
 }
 
 template <typename T> void Rec_Deallocate(VMI *vmi, RecVec<T> &v, bool mustExist) {
   using Info = RecInfo<T>;
   const char *routine = Info::Dealloc;
-  char name[21];
-  Trim_Name(v.Name, name);
+  char nameBuf[21];
+  Rec_Drop_Spare(v);
   if (v.Base == nullptr) {
-    if (vmi->Trace_Memory > 0) Doc(vmi, "%s: Vector %s Associated=%s", routine, name, Flag(false));
-    if (mustExist) Systems_Error(vmi, name, " is already deallocated in ", routine, 3302);
+    if (vmi->Trace_Memory > 0) Doc(vmi, "%s: Vector %s Associated=%s", routine, VLU_NAME(v), Flag(false));
+    if (mustExist) Systems_Error(vmi, VLU_NAME(v), " is already deallocated in ", routine, 3302);
     return;
   }
   if (v.Temp) {
@@ -266,23 +316,54 @@ template <typename T> void Rec_Deallocate(VMI *vmi, RecVec<T> &v, bool mustExist
   }
   const int32_t size = v.BaseSize;
   if (vmi->Trace_Memory > 0)
-    Doc(vmi, "%s: Vector %s Associated=%s Length=%10d", routine, name, Flag(true), size);
-  Raw_Free(v.Base, int64_t(size) * int64_t(sizeof(T)));
+    Doc(vmi, "%s: Vector %s Associated=%s Length=%10d", routine, VLU_NAME(v), Flag(true), size);
+  Raw_Free(v.Base, v.Cap);
   Account(vmi, Info::Class, -1, -int64_t(size));
   vmi->Mem_Current -= int64_t(size) * int64_t(sizeof(T));
-  v.Base = nullptr;
-  v.Val = nullptr;
-  v.BaseSize = 0;
-  v.Extent = 0;
+  Rec_Clear(v);
   if (vmi->Trace_Memory >= 2) MemStat(vmi);
+}
+
+// The release of Rec_Deallocate without its traces, the block kept as the
+// slot's spare.
+template <typename T> void Rec_Park(VMI *vmi, RecVec<T> &v) {
+  using Info = RecInfo<T>;
+  Rec_Drop_Spare(v);
+  if (v.Base == nullptr) return;
+  if (v.Temp) {
+    v.Base = v.Val = nullptr;
+    v.BaseSize = v.Extent = v.Length = v.NumThread = v.Offset = 0;
+    v.Temp = false;
+    return;
+  }
+  const int32_t size = v.BaseSize;
+  Account(vmi, Info::Class, -1, -int64_t(size));
+  vmi->Mem_Current -= int64_t(size) * int64_t(sizeof(T));
+  v.Spare = v.Base;
+  v.SpareBytes = v.Cap;
+  Rec_Clear(v);
+}
+
+template <typename T> void Rec_Settle(RecVec<T> &v) {
+  Rec_Drop_Spare(v);
+  if (v.Base == nullptr || v.Temp) return;
+  const int64_t bytes = int64_t(v.BaseSize) * int64_t(sizeof(T));
+  if (!Too_Large(v.Cap, bytes)) return;
+  T *base = static_cast<T *>(Raw_Alloc(bytes));
+  if (base == nullptr) return;
+  T *val = Aligned_View(base);
+  if (v.Extent > 0) std::memcpy(val + 1, v.Val + 1, size_t(v.Extent) * sizeof(T));
+  Raw_Free(v.Base, v.Cap);
+  v.Base = base;
+  v.Val = val;
+  v.Cap = bytes;
 }
 
 template <typename T> void Rec_Increase(VMI *vmi, RecVec<T> &v, int32_t delta, bool keep) {
   using Info = RecInfo<T>;
   if (!vmi->EnoughSpace) return;
   const char *routine = Info::Incr;
-  char name[21];
-  Trim_Name(v.Name, name);
+  char nameBuf[21];
   const int32_t oldLength = v.Length;
   const int32_t numThread = std::max(v.NumThread, 1);
   const int32_t newLength = Wrap_Add(oldLength, delta);
@@ -290,26 +371,40 @@ template <typename T> void Rec_Increase(VMI *vmi, RecVec<T> &v, int32_t delta, b
   const int32_t newSize = Rec_AllocSize<T>(newLength, numThread);
   v.Offset = newOffset;
   if (delta < 0) {
-    Systems_Error(vmi, name, " is decreased in ", routine, Info::ErrDecrease);
+    Systems_Error(vmi, VLU_NAME(v), " is decreased in ", routine, Info::ErrDecrease);
     return;
   }
   if (v.Base == nullptr || v.Temp) {  // a borrowed view cannot grow
-    Systems_Error(vmi, name, " is not allocated in ", routine, 3302);
+    Systems_Error(vmi, VLU_NAME(v), " is not allocated in ", routine, 3302);
     return;
   }
   const int64_t newBytes = int64_t(newSize) * int64_t(sizeof(T));
   const int64_t oldBytes = int64_t(v.BaseSize) * int64_t(sizeof(T));
-  T *base = Get_Block<T>(vmi, newBytes, routine, name, delta, true);
-  if (base == nullptr) return;
+  if (!Request_Ok(vmi, newBytes, routine, v.Name, true, delta, true)) return;
+  // A block that is large enough already (a spare taken at the allocation)
+  // grows in place: the view and the contents stay where they are.
+  const bool inPlace = v.Cap >= newBytes;
+  T *base = v.Base;
+  if (!inPlace) {
+    base = static_cast<T *>(Raw_Alloc(newBytes));
+    if (base == nullptr) {
+      Memory_Failure(vmi, routine, v.Name, true, delta, true, false);
+      return;
+    }
+  }
   T *val = Aligned_View(base);
-  if (keep && oldLength > 0) std::memcpy(val + 1, v.Val + 1, size_t(oldLength) * sizeof(T));
+  if (keep && oldLength > 0 && !inPlace)
+    std::memcpy(val + 1, v.Val + 1, size_t(oldLength) * sizeof(T));
 
   Account(vmi, Info::Class, 0, int64_t(newSize) - int64_t(v.BaseSize));
   vmi->Mem_Total += newBytes;
   vmi->Mem_Max = std::max(vmi->Mem_Max, vmi->Mem_Current + newBytes);
   vmi->Mem_Current += newBytes - oldBytes;
 
-  Raw_Free(v.Base, oldBytes);
+  if (!inPlace) {
+    Raw_Free(v.Base, v.Cap);
+    v.Cap = newBytes;
+  }
   v.Base = base;
   v.BaseSize = newSize;
   v.Val = val;
@@ -322,10 +417,12 @@ template <typename T> void Rec_Increase(VMI *vmi, RecVec<T> &v, int32_t delta, b
   if (vmi->Define_On_Alloc) Fill<T>(val, oldLength + 1, newLength, Info::Undefined());
   if (numThread > 1) {
     Fill<T>(val, newLength + 1, v.Extent, T(0));
-    if (vmi->Debug_Parallel) Doc(vmi, "%s called with vector %s and NumThread=%d", routine, name, numThread);
+    if (vmi->Debug_Parallel)
+      Doc(vmi, "%s called with vector %s and NumThread=%d", routine, VLU_NAME(v), numThread);
   }
   if (vmi->Trace_Memory > 0) {
-    Doc(vmi, "%s: Vector %s has been increased by%10d elements to%10d", routine, name, delta, newLength);
+    Doc(vmi, "%s: Vector %s has been increased by%10d elements to%10d", routine, VLU_NAME(v), delta,
+        newLength);
     if (vmi->Trace_Memory > 1) MemStat(vmi);
   }
 }
@@ -381,11 +478,17 @@ void Plain_Allocate(VMI *vmi, PlainVec<T, K> &v, const char *name, int32_t lengt
     return;
   }
   const int64_t bytes = int64_t(length) * info.width;
-  T *raw = Get_Block<T>(vmi, bytes, info.alloc, name, length, false);
-  if (raw == nullptr) return;
+  if (!Request_Ok(vmi, bytes, info.alloc, name, false, length, false)) return;
+  int64_t cap = 0;
+  T *raw = Slot_Block(v.Spare, v.SpareBytes, bytes, &cap);
+  if (raw == nullptr) {
+    Memory_Failure(vmi, info.alloc, name, false, length, false, false);
+    return;
+  }
   Count_New(vmi, bytes);
   Account(vmi, info.cls, 1, int64_t(length) * info.count);
   v.Raw = raw;
+  v.Cap = cap;
   v.V = raw - 1;
   v.Size = length;
   v.Alloc = true;
@@ -401,9 +504,17 @@ void Plain_Allocate(VMI *vmi, PlainVec<T, K> &v, const char *name, int32_t lengt
   }
 }
 
+template <typename T, PlainKind K> void Plain_Drop_Spare(PlainVec<T, K> &v) {
+  if (v.Spare == nullptr) return;
+  Raw_Free(v.Spare, v.SpareBytes);
+  v.Spare = nullptr;
+  v.SpareBytes = 0;
+}
+
 template <typename T, PlainKind K>
 void Plain_Deallocate(VMI *vmi, PlainVec<T, K> &v, const char *name, bool mustExist) {
   const PlainInfo info = Plain_Info<K>();
+  Plain_Drop_Spare(v);
   if (!v.Alloc) {
     if (vmi->Trace_Memory > 0) Doc(vmi, "%s: Vector %s Associated=%s", info.dealloc, name, Flag(false));
     if (mustExist) Systems_Error(vmi, name, " is already deallocated in ", info.dealloc, 3302);
@@ -412,14 +523,47 @@ void Plain_Deallocate(VMI *vmi, PlainVec<T, K> &v, const char *name, bool mustEx
   const int32_t size = v.Size;
   if (vmi->Trace_Memory > 0)
     Doc(vmi, "%s: Vector %s Associated=%s Length=%10d", info.dealloc, name, Flag(true), size);
-  Raw_Free(v.Raw, int64_t(size) * int64_t(sizeof(T)));
+  Raw_Free(v.Raw, v.Cap);
   Account(vmi, info.cls, -1, -int64_t(size) * info.count);
   vmi->Mem_Current -= int64_t(size) * info.width;
   v.Raw = nullptr;
   v.V = nullptr;
+  v.Cap = 0;
   v.Size = 0;
   v.Alloc = false;
   if (vmi->Trace_Memory >= 2) MemStat(vmi);
+}
+
+// The release of Plain_Deallocate without its traces, the block kept as the
+// slot's spare.
+template <typename T, PlainKind K> void Plain_Park(VMI *vmi, PlainVec<T, K> &v) {
+  const PlainInfo info = Plain_Info<K>();
+  Plain_Drop_Spare(v);
+  if (!v.Alloc) return;
+  const int32_t size = v.Size;
+  Account(vmi, info.cls, -1, -int64_t(size) * info.count);
+  vmi->Mem_Current -= int64_t(size) * info.width;
+  v.Spare = v.Raw;
+  v.SpareBytes = v.Cap;
+  v.Raw = nullptr;
+  v.V = nullptr;
+  v.Cap = 0;
+  v.Size = 0;
+  v.Alloc = false;
+}
+
+template <typename T, PlainKind K> void Plain_Settle(PlainVec<T, K> &v) {
+  Plain_Drop_Spare(v);
+  if (!v.Alloc) return;
+  const int64_t bytes = int64_t(v.Size) * int64_t(sizeof(T));
+  if (!Too_Large(v.Cap, bytes)) return;
+  T *raw = static_cast<T *>(Raw_Alloc(bytes));
+  if (raw == nullptr) return;
+  if (v.Size > 0) std::memcpy(raw, v.Raw, size_t(bytes));
+  Raw_Free(v.Raw, v.Cap);
+  v.Raw = raw;
+  v.V = raw - 1;
+  v.Cap = bytes;
 }
 
 template <typename T, PlainKind K>
@@ -438,22 +582,26 @@ void Plain_Increase(VMI *vmi, PlainVec<T, K> &v, const char *name, int32_t delta
   const int32_t newSize = Wrap_Add(oldSize, delta);
   const int64_t newBytes = int64_t(newSize) * info.width;
   const int64_t oldBytes = int64_t(oldSize) * info.width;
-  T *raw = Get_Block<T>(vmi, newBytes, info.incr, name, delta, true);
-  if (raw == nullptr) return;
-  PlainVec<T, K> fresh;
-  fresh.Raw = raw;
-  fresh.V = raw - 1;
-  fresh.Size = newSize;
-  fresh.Alloc = true;
-  if (keep && oldSize > 0) std::memcpy(fresh.V + 1, v.V + 1, size_t(oldSize) * sizeof(T));
-
+  if (!Request_Ok(vmi, newBytes, info.incr, name, false, delta, true)) return;
+  // Within the block at hand (a spare taken at the allocation) the vector
+  // grows in place.
+  if (v.Cap < newBytes) {
+    T *raw = static_cast<T *>(Raw_Alloc(newBytes));
+    if (raw == nullptr) {
+      Memory_Failure(vmi, info.incr, name, false, delta, true, false);
+      return;
+    }
+    if (keep && oldSize > 0) std::memcpy(raw, v.V + 1, size_t(oldSize) * sizeof(T));
+    Raw_Free(v.Raw, v.Cap);
+    v.Raw = raw;
+    v.V = raw - 1;
+    v.Cap = newBytes;
+  }
   Account(vmi, info.cls, 0, (int64_t(newSize) - oldSize) * info.count);
   vmi->Mem_Total += newBytes;
   vmi->Mem_Max = std::max(vmi->Mem_Max, vmi->Mem_Current + newBytes);
   vmi->Mem_Current += newBytes - oldBytes;
-
-  Raw_Free(v.Raw, int64_t(oldSize) * int64_t(sizeof(T)));
-  v = fresh;
+  v.Size = newSize;
   if (vmi->Clear_On_Alloc) Fill<T>(v.V, oldSize + 1, newSize, T(0));
   if (vmi->Define_On_Alloc && K == PlainKind::Int) Fill<T>(v.V, oldSize + 1, newSize, T(Undef_Int));
   if (vmi->Trace_Memory > 0) {
@@ -523,22 +671,75 @@ void Increase_Log(VMI *vmi, LogVec &v, const char *name, int32_t delta, bool kee
   Plain_Increase(vmi, v, name, delta, keep);
 }
 
+void Park_Vector(VMI *vmi, RVec &v) { Rec_Park<double>(vmi, v); }
+void Park_Vector(VMI *vmi, IVec &v) { Rec_Park<int32_t>(vmi, v); }
+void Park_Vector(VMI *vmi, IntVec &v) { Plain_Park(vmi, v); }
+void Park_Vector(VMI *vmi, LIntVec &v) { Plain_Park(vmi, v); }
+void Park_Vector(VMI *vmi, LogVec &v) { Plain_Park(vmi, v); }
+void Settle_Vector(RVec &v) { Rec_Settle(v); }
+void Settle_Vector(IVec &v) { Rec_Settle(v); }
+void Settle_Vector(IntVec &v) { Plain_Settle(v); }
+void Settle_Vector(LIntVec &v) { Plain_Settle(v); }
+void Settle_Vector(LogVec &v) { Plain_Settle(v); }
+
+namespace {
+
+// The per-slot routines over all slots of the records, inlined: a renewal
+// runs them for every slot.
+struct Park_Slot {
+  VMI *v;
+  template <typename T> void operator()(const char *, RecVec<T> &x) const {
+    if (x.Base != nullptr || x.Spare != nullptr) Rec_Park<T>(v, x);
+  }
+  template <typename T, PlainKind K> void operator()(const char *, PlainVec<T, K> &x) const {
+    if (x.Alloc || x.Spare != nullptr) Plain_Park(v, x);
+  }
+};
+
+struct Settle_Slot {
+  template <typename T> void operator()(const char *, RecVec<T> &x) const {
+    if (x.Spare != nullptr || x.Cap > 2 * int64_t(x.BaseSize) * int64_t(sizeof(T)) + 64) Rec_Settle(x);
+  }
+  template <typename T, PlainKind K> void operator()(const char *, PlainVec<T, K> &x) const {
+    if (x.Spare != nullptr || x.Cap > 2 * int64_t(x.Size) * int64_t(sizeof(T)) + 64) Plain_Settle(x);
+  }
+};
+
+}  // namespace
+
+void Park_Vectors(VMI *vmi) {
+  ForEachVec(*vmi->Bnd, Park_Slot{vmi});
+  ForEachVec(*vmi->Luf, Park_Slot{vmi});
+  ForEachVec(*vmi->Iin, Park_Slot{vmi});
+  ForEachVec(*vmi->Vim, Park_Slot{vmi});
+}
+
+void Settle_Blocks(VMI *vmi) {
+  if (vmi->Vim != nullptr) ForEachVec(*vmi->Vim, Settle_Slot{});
+  if (vmi->Luf != nullptr) ForEachVec(*vmi->Luf, Settle_Slot{});
+  if (vmi->Iin != nullptr) ForEachVec(*vmi->Iin, Settle_Slot{});
+  if (vmi->Bnd != nullptr) ForEachVec(*vmi->Bnd, Settle_Slot{});
+}
+
 void Reuse_RVec(VMI *vmi, RVec &vecOld, RVec &vecNew) {
   char oldName[21], newName[21];
-  Trim_Name(vecOld.Name, oldName);
-  Trim_Name(vecNew.Name, newName);
-  if (vmi->Trace_Memory > 0) Doc(vmi, "Reuse_RVec called with Vecold= %s and VecNew= %s", oldName, newName);
+  if (vmi->Trace_Memory > 0)
+    Doc(vmi, "Reuse_RVec called with Vecold= %s and VecNew= %s", Trim_Name(vecOld.Name, oldName),
+        Trim_Name(vecNew.Name, newName));
   if (vecNew.Base != nullptr) {
-    Doc(vmi, " ** Systems Error **  VecNew %s is already associated in Reuse_RVec.", newName);
+    Doc(vmi, " ** Systems Error **  VecNew %s is already associated in Reuse_RVec.",
+        Trim_Name(vecNew.Name, newName));
     Internal_Error(vmi, 3401, true);
     return;
   }
   if (vecOld.Base == nullptr) {
-    Doc(vmi, " ** Systems Error **  VecOld %s is not associated in Reuse_RVec.", oldName);
+    Doc(vmi, " ** Systems Error **  VecOld %s is not associated in Reuse_RVec.",
+        Trim_Name(vecOld.Name, oldName));
     Internal_Error(vmi, 3402, true);
     return;
   }
   vecNew.Base = vecOld.Base;
+  vecNew.Cap = vecOld.Cap;
   vecNew.BaseSize = vecOld.BaseSize;
   vecNew.Val = vecOld.Val;
   vecNew.Extent = vecOld.Extent;
@@ -548,6 +749,7 @@ void Reuse_RVec(VMI *vmi, RVec &vecOld, RVec &vecNew) {
   vecNew.Temp = vecOld.Temp;
   vecOld.Base = nullptr;
   vecOld.Val = nullptr;
+  vecOld.Cap = 0;
   vecOld.BaseSize = 0;
   vecOld.Extent = 0;
   vecOld.Temp = false;
@@ -565,25 +767,35 @@ void Reuse_Int(VMI *vmi, IntVec &vecOld, const char *oldName, IntVec &vecNew, co
     Internal_Error(vmi, 3404, true);
     return;
   }
-  vecNew = vecOld;
-  vecOld = IntVec();
+  // The storage moves; each slot keeps its spare.
+  vecNew.Raw = vecOld.Raw;
+  vecNew.V = vecOld.V;
+  vecNew.Cap = vecOld.Cap;
+  vecNew.Size = vecOld.Size;
+  vecNew.Alloc = true;
+  vecOld.Raw = nullptr;
+  vecOld.V = nullptr;
+  vecOld.Cap = 0;
+  vecOld.Size = 0;
+  vecOld.Alloc = false;
 }
 
 void TempUse_RVec(VMI *vmi, RVec &src, RVec &temp, int32_t length) {
   char name[21];
-  Trim_Name(src.Name, name);
   if (src.Base == nullptr) {
-    Doc(vmi, " ** Systems Error **  VecOld %s is not associated in TempUse_RVec.", name);
+    Doc(vmi, " ** Systems Error **  VecOld %s is not associated in TempUse_RVec.",
+        Trim_Name(src.Name, name));
     Internal_Error(vmi, 3402, true);
     return;
   }
   if (length > src.Length) {
-    Doc(vmi, " ** Systems Error **  VecOld %s has length%10d but argument length=%10d", name, src.Length,
-        length);
+    Doc(vmi, " ** Systems Error **  VecOld %s has length%10d but argument length=%10d",
+        Trim_Name(src.Name, name), src.Length, length);
     Internal_Error(vmi, 3402, true);
     return;
   }
   temp.Base = src.Base;
+  temp.Cap = 0;  // owns nothing
   temp.BaseSize = src.BaseSize;
   temp.Val = src.Val;
   temp.Extent = length;

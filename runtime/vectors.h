@@ -29,10 +29,17 @@ struct RecVec {
   int32_t NumThread = 0;   // sections
   int32_t Offset = 0;      // stride in elements between sections
   T *Base = nullptr;       // raw block (0-based in C terms), owner of memory
+  int64_t Cap = 0;         // bytes of the block Base: BaseSize elements, or more when a
+                           // larger spare was taken (the vector then grows in place)
   int32_t BaseSize = 0;    // allocated size of Base in elements
   T *Val = nullptr;        // aligned view: Val[1] is on a 64-byte boundary
   int32_t Extent = 0;      // total length of Val
   bool Temp = false;       // a view made by TempUse_RVec: owns nothing
+  T *Spare = nullptr;      // block that this slot held before its environment was renewed
+                           // (Park_Vector), not counted; the next allocation of the slot
+                           // takes it when it asks for no more than SpareBytes, else it
+                           // goes back
+  int64_t SpareBytes = 0;  // bytes of Spare as allocated
 
   bool Allocated() const { return Base != nullptr; }
   T &operator[](int32_t i) const { return Val[i]; }
@@ -46,9 +53,12 @@ enum class PlainKind { Int, LInt, Log };
 template <typename T, PlainKind K>
 struct PlainVec {
   T *Raw = nullptr;     // allocation (0-based)
+  int64_t Cap = 0;      // bytes of the block Raw, Size elements or more (as RecVec::Cap)
   T *V = nullptr;       // V[1] is element 1
   int32_t Size = 0;     // elements
   bool Alloc = false;
+  T *Spare = nullptr;   // as RecVec::Spare: a parked block of SpareBytes, not counted
+  int64_t SpareBytes = 0;
 
   bool Allocated() const { return Alloc; }
   T &operator[](int32_t i) const { return V[i]; }
@@ -94,6 +104,24 @@ void Increase_RVec(VMI *vmi, RVec &v, int32_t delta, bool keep = true);
 void Increase_IVec(VMI *vmi, IVec &v, int32_t delta, bool keep = true);
 void Increase_Int(VMI *vmi, IntVec &v, const char *name, int32_t delta, bool keep = true);
 void Increase_Log(VMI *vmi, LogVec &v, const char *name, int32_t delta, bool keep = true);
+
+// Renewal of an environment: Park_Vector releases a vector as the release
+// routines do (counters, no trace) but keeps its block with the slot as the
+// spare, so that the next allocation of the slot takes it back without the
+// allocator when it fits (a larger one too: the vector may then grow in
+// place); Settle_Vector gives a spare that was not taken back, and moves a
+// vector whose block is far larger than it counts (Cap) into a block of its
+// counted size.  The release routines give a spare back as well.
+void Park_Vector(VMI *vmi, RVec &v);
+void Park_Vector(VMI *vmi, IVec &v);
+void Park_Vector(VMI *vmi, IntVec &v);
+void Park_Vector(VMI *vmi, LIntVec &v);
+void Park_Vector(VMI *vmi, LogVec &v);
+void Settle_Vector(RVec &v);
+void Settle_Vector(IVec &v);
+void Settle_Vector(IntVec &v);
+void Settle_Vector(LIntVec &v);
+void Settle_Vector(LogVec &v);
 
 // Moves the storage from vecOld to vecNew; no memory moves, no counters change.
 void Reuse_RVec(VMI *vmi, RVec &vecOld, RVec &vecNew);

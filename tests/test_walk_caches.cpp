@@ -171,6 +171,39 @@ TEST_F(WalkCaches, TheBaseOfTheSolutionFollowsTheBasis) {
   EXPECT_GE(refactors, 5);
 }
 
+// A new factorization drops what the solves kept about the factors before
+// it, even when the new factors give the same key: two diagonal bases of the
+// same size, one all slacks and one with a structural column in place of
+// the first slack, have the same counts of L and U elements.
+TEST_F(WalkCaches, ANewFactorizationForgetsTheBaseOfTheOldOne) {
+  vlu_case::Case c;
+  c.name = "diagonal";
+  c.n = 3;
+  c.colStart = {1};
+  for (int j = 1; j <= 3; ++j) {
+    c.rowIdx.push_back(j);
+    c.colIdx.push_back(j);
+    c.val.push_back(1.0 + j);
+    c.colStart.push_back(j + 1);
+  }
+  c.nz = 3;
+  const std::vector<int> allSlack = {0, 0, 0, 0, 2, 2, 2}, firstColumn = {2, 0, 0, 0, 0, 2, 2};
+  const std::vector<double> b = {1.0, 2.0, 3.0};
+  std::vector<double> fresh(7), after(7);
+  std::vector<int> stat = firstColumn;
+  ASSERT_EQ(tri::Factor(c, stat), 0);
+  vlu_solve(fresh.data(), b.data());
+  Restart();
+  stat = allSlack;
+  ASSERT_EQ(tri::Factor(c, stat), 0);
+  vlu_solve(after.data(), b.data());
+  stat = firstColumn;
+  ASSERT_EQ(tri::Factor(c, stat), 0);
+  vlu_solve(after.data(), b.data());
+  EXPECT_EQ(after[4], DBL_MAX);  // the first slack has left
+  EXPECT_EQ(std::memcmp(fresh.data(), after.data(), sizeof(double) * 7), 0);
+}
+
 // The vectors a solve writes beside the solution, VIM%Work1 and rSave, are
 // cleared at the rows the last solve listed and given the new nonzeros
 // only.  After any mix of sparse, dense and signed-zero right-hand sides,
