@@ -10,7 +10,7 @@
 #include "runtime/block_cache.h"
 #include "runtime/messages.h"
 #include "runtime/records.h"
-#include "triangular_support.h"
+#include "support/lu_check.h"
 #include "vardenlu.h"
 
 namespace {
@@ -241,8 +241,8 @@ TEST(Records, ListingsCoverEveryAllocatedVector) {
 
   vlu_destroy();
   vlu_create();
-  tri::System s = tri::Make_System(60, tri::Shape::Upper, 5, true, 0.25);
-  ASSERT_EQ(tri::Factor(s.c, s.c.basis), 0);
+  luc::Triangular s = luc::Make_Triangular(60, luc::Shape::Upper, 5, true, 0.25);
+  ASSERT_EQ(luc::Factor(s.c, s.c.basis), 0);
   ASSERT_TRUE(vlu::Iface().env->Iin->Lisr.Allocated());
   check(vlu::Iface().env);
   vlu_destroy();

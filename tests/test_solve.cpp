@@ -9,7 +9,7 @@
 #include "runtime/records.h"
 #include "runtime/vectors.h"
 #include "solve/solve.h"
-#include "triangular_support.h"
+#include "support/lu_check.h"
 
 namespace {
 
@@ -30,14 +30,14 @@ struct Hand {
   VMI *env = nullptr;
   int n;
   std::mt19937_64 gen;
-  tri::Lines lines;
+  luc::Messages lines;
   std::vector<Group> cols, etas;
 
   Hand(int size, uint64_t seed) : n(size), gen(seed) {
     int st = 0;
     vlu::Allocate_Space(&env, &st);
     EXPECT_EQ(st, 0);
-    env->Msg_Routine = reinterpret_cast<void (*)()>(&tri::Keep_Lines);
+    env->Msg_Routine = reinterpret_cast<void (*)()>(&luc::Capture_Lines);
     env->Msg_Style = 0;
     env->Msg_Usrmem = &lines;
     vlu::VIM *v = env->Vim;
