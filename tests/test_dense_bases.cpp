@@ -192,6 +192,8 @@ class DenseBases : public luc::ApiTest {
     if (c.n <= 600) {
       EXPECT_TRUE(luc::Check_Factors(Env()));
     }
+    const ::testing::TestInfo *t = ::testing::UnitTest::GetInstance()->current_test_info();
+    EXPECT_TRUE(luc::Recorded(std::string(t->test_suite_name()) + "." + t->name(), Env()));
     std::vector<double> sol(size_t(2 * c.n + 1)), b(size_t(c.n), 1.0);
     vlu_solve(sol.data(), b.data());
     EXPECT_LE(vlu_case::Rel_Residual(c, c.basis, sol.data(), b.data()), 1e-12) << "b = ones";

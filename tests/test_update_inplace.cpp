@@ -2,7 +2,7 @@
 // call, spikes of length one and longer than the old column, the cache of
 // the leaving position, each failure end (pivot too small, U-factor too
 // large, memory through injected allocation failures), the debug checks, and
-// the storage routines (compressions, growth, removal of small elements).
+// the removal of small elements from the L-file.
 #include <functional>
 
 #include "factor/factor.h"
@@ -422,19 +422,13 @@ TEST_F(Injection, MemoryFailureAtEachAllocationOfTheUpdates) {
 }
 
 // ---------------------------------------------------------------------------
-// Storage routines on factors laid out by hand.
+// Removal of small elements from the L-file.  (The compressions and growths
+// of the U files are driven by the long walks, which bound the sizes of the
+// files, and fail at every allocation in the runs above.)
 
 class UpdateStorage : public luc::EnvTest {
  protected:
-  struct Line {
-    std::vector<int32_t> idx;
-    std::vector<double> val;
-    bool operator==(const Line &o) const { return idx == o.idx && val == o.val; }
-  };
-  std::vector<Line> cols, rows;
-
-  // Upper bidiagonal 6 x 6 (11 elements), factorized, both copies read out,
-  // the vectors grown so that any layout below 64 slots fits.
+  // Upper bidiagonal 6 x 6, factorized.
   void SetUp() override {
     luc::EnvTest::SetUp();
     luc::Cols cs(6);
@@ -446,164 +440,8 @@ class UpdateStorage : public luc::EnvTest {
     vlu::LUFactor(env);
     vlu::CreateColumnU(env);
     ASSERT_EQ(env->Exception, 0);
-    vlu::Increase_Ucmat(env, 64, true);
-    if (vlu::Size(env->Luf->Ic) < 64) vlu::Increase_Int(env, env->Luf->Ic, "LUF%Ic", 64);
-    if (vlu::Size(env->Vim->AUrmat) < 64) vlu::Increase_RVec(env, env->Vim->AUrmat, 64);
-    ASSERT_TRUE(env->EnoughSpace);
-    const vlu::LUF *luf = env->Luf;
-    for (int c = 1; c <= 6; ++c) {
-      Line l;
-      for (int q = luf->Cstr[c]; q < luf->Cstr[c] + luf->Clen[c]; ++q)
-        l.idx.push_back(luf->Ir[q]), l.val.push_back(luf->Ucmat[q]);
-      cols.push_back(l);
-    }
-    for (int r = 1; r <= 6; ++r) {
-      Line l;
-      for (int j = luf->Rstr[r]; j < luf->Rstr[r] + luf->Rlen[r]; ++j)
-        l.idx.push_back(luf->Ic[j]), l.val.push_back(env->Vim->AUrmat[j]);
-      rows.push_back(l);
-    }
-  }
-  // Places line k at starts[k] in a file of `space` slots, the rest free.
-  void Lay_Out(bool byColumn, int32_t space, const std::vector<int32_t> &starts) {
-    vlu::LUF *luf = env->Luf;
-    int32_t *idx = byColumn ? luf->Ir.V : luf->Ic.V;
-    double *val = byColumn ? luf->Ucmat.Val : env->Vim->AUrmat.Val;
-    int32_t *str = byColumn ? luf->Cstr.V : luf->Rstr.V;
-    const std::vector<Line> &lines = byColumn ? cols : rows;
-    for (int32_t q = 1; q <= space; ++q) idx[q] = 0;
-    int32_t first = space + 1;
-    for (size_t k = 0; k < lines.size(); ++k) {
-      str[k + 1] = starts[k];
-      first = std::min(first, starts[k]);
-      for (size_t e = 0; e < lines[k].idx.size(); ++e) {
-        idx[starts[k] + int32_t(e)] = lines[k].idx[e];
-        val[starts[k] + int32_t(e)] = lines[k].val[e];
-      }
-    }
-    (byColumn ? luf->ColUSpace : luf->RowUSpace) = space;
-    (byColumn ? luf->ColFileUsed : luf->RowFileUsed) = first;
-  }
-  // The lines as they stand now, each the same as before, the file packed
-  // against its top with everything below it free.
-  ::testing::AssertionResult Packed(bool byColumn) {
-    const vlu::LUF *luf = env->Luf;
-    const int32_t *idx = byColumn ? luf->Ir.V : luf->Ic.V;
-    const double *val = byColumn ? luf->Ucmat.Val : env->Vim->AUrmat.Val;
-    const int32_t *str = byColumn ? luf->Cstr.V : luf->Rstr.V;
-    const int32_t *len = byColumn ? luf->Clen.V : luf->Rlen.V;
-    const std::vector<Line> &lines = byColumn ? cols : rows;
-    const int32_t space = byColumn ? luf->ColUSpace : luf->RowUSpace;
-    const int32_t used = byColumn ? luf->ColFileUsed : luf->RowFileUsed;
-    if (space - used + 1 != 11) return ::testing::AssertionFailure() << "not packed: " << used << ".." << space;
-    for (int32_t q = 1; q < used; ++q)
-      if (idx[q] != 0) return ::testing::AssertionFailure() << "slot " << q << " below the file in use";
-    for (size_t k = 0; k < lines.size(); ++k) {
-      Line l;
-      for (int32_t q = str[k + 1]; q < str[k + 1] + len[k + 1]; ++q) l.idx.push_back(idx[q]), l.val.push_back(val[q]);
-      if (!(l == lines[k])) return ::testing::AssertionFailure() << "line " << k + 1 << " changed";
-    }
-    return ::testing::AssertionSuccess();
   }
 };
-
-TEST_F(UpdateStorage, CompressionPacksAndDoublesWhenHalfOrMoreIsUsed) {
-  // 11 elements: columns of lengths 1, 2, 2, 2, 2, 2.
-  for (const bool byColumn : {true, false}) {
-    SCOPED_TRACE(byColumn ? "columns" : "rows");
-    vlu::VIM *vim = env->Vim;
-    const int growBefore = byColumn ? vim->Upd_Grow_Col : vim->Upd_Grow_Row;
-    auto compress = [&](int32_t required) {
-      bool error = false;
-      if (byColumn)
-        vlu::Update_CompressColumn(env, required, error);
-      else
-        vlu::Update_CompressRow(env, required);
-      return error;
-    };
-    auto space = [&]() { return byColumn ? env->Luf->ColUSpace : env->Luf->RowUSpace; };
-    // Lines one after the other, the last ending at `top`, `gap` free slots
-    // behind each.
-    auto starts = [&](int32_t top, int32_t gap) {
-      const std::vector<Line> &lines = byColumn ? cols : rows;
-      std::vector<int32_t> st(lines.size());
-      int32_t pos = top + 1;
-      for (size_t k = lines.size(); k-- > 0;) {
-        pos -= static_cast<int32_t>(lines[k].idx.size()) + (k + 1 < lines.size() ? gap : 0);
-        st[k] = pos;
-      }
-      return st;
-    };
-    // Spread over 40 slots: packed to the top, 29 free > 11 used, no growth.
-    Lay_Out(byColumn, 40, starts(37, 4));
-    EXPECT_FALSE(compress(1));
-    EXPECT_EQ(space(), 40);
-    EXPECT_TRUE(Packed(byColumn));
-    // 23 slots: 12 free after compression, more than the 11 in use.
-    Lay_Out(byColumn, 23, starts(23, 0));
-    EXPECT_FALSE(compress(1));
-    EXPECT_EQ(space(), 23);
-    EXPECT_TRUE(Packed(byColumn));
-    EXPECT_EQ(byColumn ? vim->Upd_Grow_Col : vim->Upd_Grow_Row, growBefore);
-    // 22 slots: exactly half free after compression, so the file doubles and
-    // moves to the new top, the free room again at the low end.
-    Lay_Out(byColumn, 22, starts(22, 0));
-    EXPECT_FALSE(compress(1));
-    EXPECT_GE(space(), 44);
-    EXPECT_TRUE(Packed(byColumn));
-    EXPECT_EQ(byColumn ? vim->Upd_Grow_Col : vim->Upd_Grow_Row, growBefore + 1);
-  }
-  EXPECT_EQ(env->Exception, 0);
-  EXPECT_EQ(env->MemoryMode, 1);
-  EXPECT_TRUE(env->EnoughSpace);
-}
-
-TEST_F(UpdateStorage, FullColumnFileWhoseGrowthFails) {
-  env->Trace_Upd = 2;
-  // Nothing free and nothing to drop: the growth is the only way, and it
-  // fails; the compressed file stands and the caller learns of it.
-  Lay_Out(true, 11, {1, 2, 4, 6, 8, 10});
-  vlu::Test_Alloc_Fail_At = vlu::Test_Alloc_Count + 1;
-  bool error = false;
-  vlu::Update_CompressColumn(env, 1, error);
-  EXPECT_EQ(vlu::Test_Alloc_Fail_At, 0) << "no allocation was asked for";
-  EXPECT_TRUE(error);
-  EXPECT_EQ(env->Luf->ColUSpace, 11);
-  EXPECT_TRUE(Packed(true));
-  EXPECT_TRUE(env->EnoughSpace);
-  EXPECT_EQ(env->MemoryMode, 1);
-  EXPECT_EQ(env->Exception, 0);
-  vlu::Msg_Flush(env);
-  EXPECT_TRUE(msgs.Has("Insufficient memory after Compressing columns.")) << msgs.All();
-  // Without the injected failure the file doubles.
-  vlu::Update_CompressColumn(env, 1, error);
-  EXPECT_FALSE(error);
-  EXPECT_GE(env->Luf->ColUSpace, 22);
-  EXPECT_TRUE(Packed(true));
-}
-
-TEST_F(UpdateStorage, RowFileGrowthThatFails) {
-  // The row file at the true top of its vectors; a requirement above the
-  // free room forces the growth, which fails: the packed file stands.
-  const int32_t top = std::min(vlu::Size(env->Luf->Ic), vlu::Size(env->Vim->AUrmat));
-  std::vector<int32_t> st(6);
-  int32_t pos = top + 1;
-  for (size_t k = 6; k-- > 0;) st[k] = pos -= static_cast<int32_t>(rows[k].idx.size()) + 1;
-  Lay_Out(false, top, st);
-  vlu::Test_Alloc_Fail_At = vlu::Test_Alloc_Count + 1;
-  vlu::Update_CompressRow(env, top);
-  EXPECT_EQ(vlu::Test_Alloc_Fail_At, 0) << "no allocation was asked for";
-  EXPECT_EQ(env->Luf->RowUSpace, top);
-  EXPECT_TRUE(Packed(false));
-  EXPECT_TRUE(env->EnoughSpace);
-  EXPECT_EQ(env->MemoryMode, 1);
-  EXPECT_EQ(env->Exception, 0);
-  EXPECT_EQ(env->Vim->Upd_Grow_Row, 0);
-  vlu::Update_CompressRow(env, top);
-  EXPECT_GE(env->Luf->RowUSpace, 2 * top);
-  EXPECT_TRUE(Packed(false));
-  EXPECT_EQ(env->Vim->Upd_Grow_Row, 1);
-}
 
 TEST_F(UpdateStorage, SmallElementsLeaveTheLFile) {
   // Three L columns by hand: the second holds only a tiny multiplier.

@@ -5,6 +5,9 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
 #include <numeric>
 #include <stdexcept>
 #include <tuple>
@@ -511,6 +514,52 @@ int Change(const Problem &c, std::vector<int> &stat, int q, int l, int force) {
   } else if (luf->LFileUsed != m) {
     LUC_FAIL("L-file holds " << luf->LFileUsed - m << " etas without a group");
   }
+  return ::testing::AssertionSuccess();
+}
+
+uint64_t Digest(const VMI *env) {
+  const VIM *vim = env->Vim;
+  const LUF *luf = env->Luf;
+  uint64_t h = 14695981039346656037ull;
+  auto add = [&h](uint64_t w) {
+    for (int b = 0; b < 8; ++b) h = (h ^ ((w >> (8 * b)) & 0xFF)) * 1099511628211ull;
+  };
+  auto bits = [](double v) {
+    uint64_t u;
+    std::memcpy(&u, &v, sizeof u);
+    return u;
+  };
+  for (int32_t k = 1; k <= vim->NumRow; ++k) {
+    const int32_t r = vim->Rnto.V[k];
+    add(uint64_t(r) << 32 | uint32_t(vim->Cnto.V[k]));
+    add(uint64_t(vim->Cbto.V[k]));
+    for (int32_t p = luf->Rstr.V[r]; p < luf->Rstr.V[r] + luf->Rlen.V[r]; ++p) {
+      add(uint64_t(luf->Ic.V[p]));
+      add(bits(vim->AUrmat.Val[p]));
+    }
+  }
+  add(uint64_t(luf->L_Cols));
+  for (int32_t c = 1; c <= luf->L_Cols + 1; ++c) add(uint64_t(luf->Lsor.V[c]));
+  for (int32_t p = 1; p <= luf->LFileUsed; ++p) {
+    add(uint64_t(luf->Lrow.V[p]) << 32 | uint32_t(luf->Lpiv.V[p]));
+    add(bits(luf->Lmat.Val[p]));
+  }
+  return h;
+}
+
+::testing::AssertionResult Recorded(const std::string &label, const VMI *env) {
+  static const std::map<std::string, uint64_t> recorded = {
+#include "support/digests.inc"
+  };
+  const uint64_t d = Digest(env);
+  if (std::getenv("VLU_RECORD_DIGESTS") != nullptr) {
+    std::printf("{\"%s\", 0x%016llxull},\n", label.c_str(), static_cast<unsigned long long>(d));
+    return ::testing::AssertionSuccess();
+  }
+  const auto it = recorded.find(label);
+  if (it == recorded.end()) return ::testing::AssertionFailure() << "no digest recorded for " << label;
+  if (it->second != d)
+    return ::testing::AssertionFailure() << "factors of " << label << " differ from the recorded ones";
   return ::testing::AssertionSuccess();
 }
 

@@ -113,6 +113,16 @@ bool Random_Change(const Problem &c, const std::vector<int> &stat, std::mt19937_
 // in the row and column files (cross pointers, chains, used sizes).
 ::testing::AssertionResult Check_Factors(vlu::VMI *env, bool afterExtract = false);
 
+// The factors as one number, independent of where in their vectors they
+// stand: the permutations and the published order, each U row (columns and
+// the bits of the values) and each L column, in pivot order (FNV-1a).
+uint64_t Digest(const vlu::VMI *env);
+// The digest against the one recorded for `label` (support/digests.inc):
+// the factors of these bases are pinned bit for bit, which every rule of the
+// pivot choice and every rounding of the elimination decides.  With
+// VLU_RECORD_DIGESTS set, prints the table line instead and passes.
+::testing::AssertionResult Recorded(const std::string &label, const vlu::VMI *env);
+
 // The factors as the updates leave them, beyond the library's own debug
 // check: permutations inverse and the published order consistent with the
 // status; in both copies of U the pivot of each position first and every
