@@ -260,27 +260,4 @@ TEST_F(SingularTest, SmallPivotInTheBumpBecomesAPair) {
   EXPECT_EQ(luc::Factor(p), 0) << msgs.All();
 }
 
-// An allocation that fails inside the elimination ends the call with result
-// 4 and leaves nothing allocated: a sweep of heap limits below what a
-// successful factorization used.
-TEST_F(SingularTest, MemoryFailureInTheBumpGivesFour) {
-  std::string err;
-  vlu_case::Case c;
-  ASSERT_TRUE(vlu_case::Read_Case(std::string(VLU_TEST_DATA) + "/beaconfd", c, err)) << err;
-  ASSERT_EQ(luc::Factor(c, c.basis), 0) << msgs.All();
-  const int64_t peak = Env()->Mem_Max;
-  int fours = 0;
-  for (int64_t limit = peak - 8; limit > peak / 2; limit -= std::max<int64_t>(peak / 64, 64)) {
-    vlu::Test_Heap_Limit = limit;
-    const int rc = luc::Factor(c, c.basis);
-    vlu::Test_Heap_Limit = 0;
-    ASSERT_TRUE(rc == 4 || rc == 0) << rc;
-    if (rc == 4) ++fours;
-    vlu_destroy();  // the balance of every counter is checked here
-    ASSERT_FALSE(msgs.Has("not in balance")) << msgs.All();
-    ASSERT_EQ(vlu_create(), 0);
-  }
-  EXPECT_GT(fours, 0);
-}
-
 }  // namespace

@@ -1,5 +1,5 @@
 // The driver around the phases: tolerance rules, the prime MarkBad, the NaN
-// repair, the growth of the stores and allocation failures.
+// repair and the growth of the stores.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -142,23 +142,6 @@ TEST_F(Driver, FailedGrowthIsReportedAndLeaksNothing) {
   EXPECT_EQ(env->Exception, 96);
   EXPECT_FALSE(env->EnoughSpace);
   // Both environments are freed (by Load, by the teardown) with no imbalance.
-}
-
-TEST_F(Driver, AllocationFailureInTheFactorCallReturnsFour) {
-  luc::Triangular t = luc::Make_Triangular(300, luc::Shape::Lower, 4, true, 0.2);
-  vlu_destroy();
-  ASSERT_EQ(vlu_create(), 0);
-  for (int64_t limit : {100, 5000, 20000}) {
-    vlu::Test_Heap_Limit = limit;
-    testing::internal::CaptureStdout();
-    const int rc = luc::Factor(t.c);
-    testing::internal::GetCapturedStdout();
-    vlu::Test_Heap_Limit = 0;
-    EXPECT_EQ(rc, 4) << limit;
-    EXPECT_EQ(vlu::Iface().env, nullptr);
-  }
-  EXPECT_EQ(luc::Factor(t.c), 0);  // the teardown finds no imbalance message
-  vlu_destroy();
 }
 
 }  // namespace
