@@ -140,19 +140,6 @@ TEST_F(Protocol, SolveAndUpdateNeedFactors) {
               "^vlu_update called on a singular basis: call vlu_factor first\n$");
 }
 
-TEST_F(Protocol, ColumnOutOfRangeIsNamed) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  ASSERT_EQ(Factor(), 0);
-  const int n = s.c.n;
-  int q, l;
-  luc::Swap_At(s, stat, 2, q, l);
-  int bad = 2 * n + 2, neg = -3;
-  EXPECT_EXIT(vlu_update(stat.data(), &bad, &l, &zero), ::testing::ExitedWithCode(EXIT_FAILURE),
-              "^update: entering column 62 is outside 1\\.\\.2n\\+1 = 61\n$");
-  EXPECT_EXIT(vlu_update(stat.data(), &q, &neg, &zero), ::testing::ExitedWithCode(EXIT_FAILURE),
-              "^update: leaving column -3 is outside 1\\.\\.2n\\+1 = 61\n$");
-}
-
 // Limits whose 32-bit size of LUF%Lstr would be negative are brought to the
 // nearest limit that means the same; the others pass unchanged.
 TEST_F(Protocol, UpdateLimitsThatWouldWrapAreClamped) {

@@ -150,7 +150,8 @@ TEST_F(Update, HardStopsEndTheProcess) {
        [&](Call &c) { c.st[c.l - 1] = 2, c.l = nonbasic; }},
       {"update DDD: bogus basisStat", [&](Call &c) { c.st[c.l - 1] = 2; }},
       {"update ZZZ: bogus basisStat", [&](Call &c) { c.st[nonbasic - 1] = 1; }},
-      {"update: entering column 82 is outside", [&](Call &c) { c.q = 2 * n + 2; }},
+      {"update: entering column 82 is outside 1\\.\\.2n\\+1 = 81", [&](Call &c) { c.q = 2 * n + 2; }},
+      {"update: leaving column -3 is outside 1\\.\\.2n\\+1 = 81", [&](Call &c) { c.l = -3; }},
       {"update CCC: r entering basis but already in", [&](Call &c) {
          s.c.r.assign(n, 0.0), s.c.hasR = true;
          ASSERT_EQ(Factor(), 0);
