@@ -1,8 +1,8 @@
-// The count and Markowitz lists on lengths set by hand: the faults the head
-// removals report, and Increase_Stmc's prime and its moves of the top lists.
-// (Whether the lists stay consistent through an elimination is the battery's
-// to see; their order, which decides ties of the search, is pinned by the
-// recorded factors.)
+// The count and Markowitz lists on lengths set by hand: the head rule and
+// the bounds of the search, the faults the head removals report, and
+// Increase_Stmc's prime and its moves of the top lists.  (Whether the lists
+// stay consistent through an elimination is the battery's to see; the
+// corrections of the counts are pinned by the recorded factors.)
 #include <gtest/gtest.h>
 
 #include <string>
@@ -60,6 +60,53 @@ struct Lists : bmp::BumpTest {
     msgs.lines.clear();
   }
 };
+
+TEST_F(Lists, NewMembersEnterAtTheHeadAndLowerTheBoundsOfTheSearch) {
+  for (int j : {3, 5, 7}) clen[j] = 2;
+  for (int j : {3, 5, 7}) vlu::Store_col_in_c_list(s, j, 2);
+  EXPECT_EQ(Cols(iin->Stcc.V[2], -2), (Members{7, 5, 3}));
+  EXPECT_EQ(s.MIN_CC_List, 2);
+  EXPECT_FALSE(s.Search_Restart);  // lowered outside a search
+  vlu::Store_col_in_c_list(s, 4, 0);
+  vlu::Store_col_in_c_list(s, 11, 0);
+  EXPECT_EQ(Cols(s.Ptr_Zero_Cols, 0), (Members{11, 4}));
+  for (int i : {6, 8, 10}) rlen[i] = 3;
+  for (int i : {6, 8, 10}) vlu::Store_Row_in_M_List(s, i);
+  EXPECT_EQ(Rows(s.Ptr_M_Rows, -1), (Members{10, 8, 6}));
+  EXPECT_EQ(s.COUNT_MARK_ROW, 3);
+  rlen[1] = 1;
+  vlu::Store_Row_in_C_List(s, 1, 1);
+  // Inside a search a store below a bound asks for a restart.
+  s.In_Select_Pivot = true;
+  clen[9] = 1;
+  vlu::Store_col_in_c_list(s, 9, 1);
+  EXPECT_EQ(s.MIN_CC_List, 1);
+  EXPECT_TRUE(s.Search_Restart);
+  s.Search_Restart = false;
+  rlen[2] = 1;
+  vlu::Store_Row_in_C_List(s, 2, 1);
+  EXPECT_FALSE(s.Search_Restart);  // R-list 1 is not below MIN_RC_List = 1
+  EXPECT_EQ(Rows(iin->Stcr.V[1], -1), (Members{2, 1}));
+
+  // Removals: inside, at the head, the fast head form, a column in no list.
+  vlu::Remove_col_from_list(s, 5);
+  EXPECT_EQ(Cols(iin->Stcc.V[2], -2), (Members{7, 3}));
+  EXPECT_EQ(iin->Nxtc.V[5] + iin->Prvc.V[5], 0);
+  vlu::Remove_col_from_list(s, 7);
+  vlu::Remove_col_from_C_head(s, 3, 2);
+  EXPECT_EQ(iin->Stcc.V[2], 0);
+  vlu::Remove_col_from_list(s, 11);
+  vlu::Remove_col_from_list(s, 6);
+  EXPECT_EQ(Cols(s.Ptr_Zero_Cols, 0), (Members{4}));
+  // Both heads have Prvr = -1: Mrow tells the scanned list from R-list 1.
+  vlu::Remove_Row_from_List(s, 2);
+  vlu::Remove_Row_from_List(s, 10);
+  EXPECT_EQ(Rows(iin->Stcr.V[1], -1), (Members{1}));
+  EXPECT_EQ(Rows(s.Ptr_M_Rows, -1), (Members{8, 6}));
+  EXPECT_EQ(iin->Mrow.V[10], 0);
+  EXPECT_EQ(s.COUNT_MARK_ROW, 2);
+  EXPECT_EQ(env->Exception, 0) << Flushed();
+}
 
 TEST_F(Lists, WrongRemovalsAreReported) {
   clen[3] = clen[4] = rlen[5] = 2;

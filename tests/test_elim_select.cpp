@@ -1,9 +1,10 @@
 // Pivot selection on bumps that ExtractBasis loaded: the column scan and its
 // strict threshold, the pivot test, the thresholds that follow MarkHigh, the
 // statistics-driven switch, Factor_Bump's choice of mode by the rows left,
-// and the smallest count of the search.  The tie rules, the Mfac margin and
-// the cache of the semi-dense search are pinned by the recorded factors of
-// the whole factorizations (test_bump_cases, test_dense_bases).
+// and the search: the smallest count, and the Mfac margin that takes an
+// exhausted column with its longest row.  The tie rules and the cache of the
+// semi-dense search are pinned by the recorded factors of the whole
+// factorizations (test_bump_cases, test_dense_bases).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -303,6 +304,30 @@ TEST_F(ElimSelect, SelectPivotFindsTheSmallestCountOnRandomBumps) {
     ++tested;
   }
   EXPECT_GT(tested, 20);
+}
+
+TEST_F(ElimSelect, SelectPivotTakesTheLongestRowOfAnExhaustedColumnWhenNothingBetterExists) {
+  // A full 66 x 66 block of elements below Rtpiva: no element passes
+  // anywhere.  At c = 66 the bound is 65^2 = 4225 and a column's count from
+  // the scan, Rowlft (Clen - 1) = 66 * 65 = 4290, is within it times Mfac:
+  // the column is taken with its longest row, the first of equals.
+  const int n = 66;
+  luc::Cols cols(static_cast<size_t>(n));
+  for (int j = 1; j <= n; ++j)
+    for (int i = 1; i <= n; ++i) cols[size_t(j - 1)].push_back({i, 1e-12 * (1.0 + 0.01 * i)});
+  markBad = 10007;
+  Start(luc::From_Columns(n, cols, true));
+  ASSERT_EQ(s.Rowlft, n);
+  s.In_Select_Pivot = true;
+  const int32_t head = iin->Stcc.V[n];
+  vlu::Select_Pivot(s);
+  ASSERT_EQ(env->Exception, 0) << msgs.All();
+  EXPECT_EQ(s.Piv_Col, head);
+  EXPECT_EQ(s.Piv_Row, luf->Ir.V[luf->Cstr.V[head]]);
+  EXPECT_EQ(s.MarkBest, 66 * 65);
+  EXPECT_EQ(s.MarkHigh, 65 * 65);
+  EXPECT_EQ(s.Length_Lim, n + 1);
+  EXPECT_TRUE(Consistent(head));
 }
 
 }  // namespace
