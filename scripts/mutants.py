@@ -87,7 +87,7 @@ def main():
                 try:
                     r = run([test, "--gtest_brief=1", "--gtest_fail_fast"], timeout=600)
                     verdict = "caught" if r.returncode != 0 else "SURVIVED"
-                    failed = [l.split("]", 1)[1].split()[0] for l in r.stdout.splitlines()
+                    failed = [l.split("]", 1)[1].split()[0].rstrip(",") for l in r.stdout.splitlines()
                               if l.startswith("[  FAILED  ]")]
                     failed = [f for f in failed if not f[0].isdigit()]  # not the summary
                     if failed:
