@@ -3,8 +3,9 @@
 
 Each mutant of scripts/mutants.txt replaces one exact piece of a source file
 (the n-th occurrence, 1 by default); the test binary is rebuilt in
-build/mutants and run; the mutant is caught when the tests fail.  The file is
-restored after every mutant, also on interruption.
+build/mutants and run until its first failing test; the mutant is caught when
+a test fails, and the first failing test is named.  The file is restored after
+every mutant, also on interruption.
 
     scripts/mutants.py [NAME_PREFIX ...]
 
@@ -84,8 +85,13 @@ def main():
                 verdict = "caught (does not build)"
             else:
                 try:
-                    r = run([test, "--gtest_brief=1"], timeout=600)
+                    r = run([test, "--gtest_brief=1", "--gtest_fail_fast"], timeout=600)
                     verdict = "caught" if r.returncode != 0 else "SURVIVED"
+                    failed = [l.split("]", 1)[1].split()[0].rstrip(",") for l in r.stdout.splitlines()
+                              if l.startswith("[  FAILED  ]")]
+                    failed = [f for f in failed if not f[0].isdigit()]  # not the summary
+                    if failed:
+                        verdict += " by " + failed[0]
                 except subprocess.TimeoutExpired:
                     verdict = "caught (timeout)"
         finally:

@@ -7,7 +7,7 @@
 
 #include "interface/state.h"
 #include "runtime/block_cache.h"
-#include "triangular_support.h"
+#include "support/lu_check.h"
 #include "vardenlu.h"
 
 namespace {
@@ -80,10 +80,10 @@ TEST_F(BlockCache, RefusedBlockEmptiesTheCacheAndSucceeds) {
 class CacheApi : public BlockCache {
  protected:
   int Factor(int n) {
-    sys = tri::Make_System(n, tri::Shape::Lower, 11, true, 0.2);
-    return tri::Factor(sys.c, sys.c.basis);
+    sys = luc::Make_Triangular(n, luc::Shape::Lower, 11, true, 0.2);
+    return luc::Factor(sys.c, sys.c.basis);
   }
-  tri::System sys;
+  luc::Triangular sys;
 };
 
 TEST_F(CacheApi, SmallAfterLargeKeepsOnlyWhatTheSmallUses) {

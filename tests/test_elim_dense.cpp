@@ -114,54 +114,6 @@ TEST_F(Kernels, EveryWidthOfEveryKernelGivesThePlainBits) {
   EXPECT_EQ(env->Exception, 0) << msgs.All();
 }
 
-TEST_F(Kernels, SearchesTakeTheFirstOfEqualsAndEmptyRangesGivePlaceOne) {
-  Block b(3, 7, 5);
-  for (int i = 1; i <= 6; ++i) b.at(i, 3) = 0.25;
-  b.at(4, 3) = -0.5;
-  b.at(6, 3) = 0.5;
-  double largest = 0.0;
-  int32_t best = 0;
-  vlu::Update_LCol(b.a(), 7, 2, 2, 3, 6, largest, best);  // nothing pending
-  EXPECT_EQ(largest, 0.5);
-  EXPECT_EQ(best, 4);
-  for (int i = 1; i <= 6; ++i) b.at(i, 3) = 0.0;
-  vlu::Update_LCol(b.a(), 7, 2, 2, 3, 6, largest, best);  // all zero: the first place
-  EXPECT_EQ(largest, 0.0);
-  EXPECT_EQ(best, 3);
-  const Block before = b;
-  vlu::Update_LCol(b.a(), 7, 6, 0, 3, 6, largest, best);  // no rows below the pivots
-  EXPECT_EQ(largest, 0.0);
-  EXPECT_EQ(best, 7);
-  EXPECT_TRUE(b.Same(before));
-}
-
-TEST_F(Kernels, BatchesOverSeveralPanelsAndTheRefusalOfSixtyFourPending) {
-  // 600 rows behind the pivots: panels of 256, 256 and the rest.
-  for (int npused : {0, 5}) {
-    const int npiv = npused + vlu::Batch_Width, nrows = npiv + 600, ncols = npiv + 23,
-              ld = nrows + 1;
-    Block b(ncols, ld, uint64_t(31 + npused)), ref = b;
-    Plain_Update(ref, npused, npiv, npiv + 1, nrows, npiv + 1, ncols);
-    int32_t used = npused;
-    vlu::Inter_Updt(b.a(), ld, nrows, ncols, npiv, used);
-    EXPECT_EQ(used, npiv);
-    EXPECT_TRUE(b.Same(ref)) << "npused=" << npused;
-  }
-  Block b(80, 81, 9);
-  const Block before = b;
-  int32_t used = 6;
-  vlu::Inter_Updt(b.a(), 81, 70, 70, 70, used);  // nothing behind the pivots
-  EXPECT_EQ(used, 70);
-  EXPECT_TRUE(b.Same(before));
-  used = 0;
-  vlu::Final_Updt(s, b.a(), 81, 80, 80, 64, used);
-  vlu::Msg_Flush(env);
-  EXPECT_TRUE(msgs.Has("Final_Updt: Error in Npused and Npiv. Npused=0 and Npiv=64")) << msgs.All();
-  EXPECT_EQ(env->Exception, 99);
-  EXPECT_EQ(used, 0);
-  EXPECT_TRUE(b.Same(before));
-}
-
 // The kernels as the dense block uses them (left-looking, updates delayed up
 // to 64 pivots, partial pivoting by rows) give the bits of a plain
 // right-looking elimination with the same pivots.

@@ -1,8 +1,8 @@
 // The count and Markowitz lists on lengths set by hand: the head rule and
-// the bounds of the search, the corrections of Store_col_in_M_list, the
-// faults the head removals report, CLEAR_Clok's move to the lower bound, and
+// the bounds of the search, the faults the head removals report, and
 // Increase_Stmc's prime and its moves of the top lists.  (Whether the lists
-// stay consistent through an elimination is the battery's to see.)
+// stay consistent through an elimination is the battery's to see; the
+// corrections of the counts are pinned by the recorded factors.)
 #include <gtest/gtest.h>
 
 #include <string>
@@ -108,41 +108,6 @@ TEST_F(Lists, NewMembersEnterAtTheHeadAndLowerTheBoundsOfTheSearch) {
   EXPECT_EQ(env->Exception, 0) << Flushed();
 }
 
-TEST_F(Lists, MarkowitzStoresCorrectTheirCounts) {
-  const int bad = iin->MarkBad;              // 23
-  for (int j = 1; j <= 8; ++j) clen[j] = 4;  // counts are multiples of 3
-  vlu::Store_col_in_M_list(s, 1, 6);
-  EXPECT_EQ(s.Min_M_InList, 6);
-  EXPECT_FALSE(s.Search_Restart);
-  vlu::Store_col_in_M_list(s, 2, vlu::Mark_Infinite);  // the top list
-  vlu::Store_col_in_M_list(s, 3, bad);                 // kept, though not a multiple
-  vlu::Store_col_in_M_list(s, 4, bad - 1);             // overflow, though not a multiple
-  vlu::Store_col_in_M_list(s, 5, 100);                 // overflow
-  vlu::Store_col_in_M_list(s, 6, 0);                   // nothing at all
-  EXPECT_EQ(Cols(iin->Stmc.V[bad], -bad), (Members{3, 2}));
-  EXPECT_EQ(Cols(iin->Stmc.V[bad - 1], -(bad - 1)), (Members{5, 4}));
-  EXPECT_EQ(iin->Mact.V[2], bad);
-  EXPECT_EQ(iin->Mact.V[5], bad - 1);
-  EXPECT_EQ(iin->Mact.V[6], 0);
-  EXPECT_EQ(s.Count_Mark_Col, 5);
-  EXPECT_EQ(s.St.Revisions, 5);
-  s.In_Select_Pivot = true;
-  vlu::Store_col_in_M_list(s, 7, 3);
-  EXPECT_EQ(s.Min_M_InList, 3);
-  EXPECT_TRUE(s.Search_Restart);
-  vlu::Store_col_in_M_list(s, 8, 6);
-  vlu::Remove_col_from_list(s, 1);  // inside M-list 6
-  EXPECT_EQ(Cols(iin->Stmc.V[6], -6), (Members{8}));
-  EXPECT_EQ(iin->Mact.V[1], 0);
-  vlu::Remove_col_from_M_head(s, 8, 6);
-  EXPECT_EQ(iin->Stmc.V[6], 0);
-  EXPECT_EQ(s.Count_Mark_Col, 5);
-  EXPECT_EQ(env->Exception, 0) << Flushed();
-  // A count that is no multiple of Clen - 1 is a fault.
-  vlu::Store_col_in_M_list(s, 8, 7);
-  Expect_Fault("**** Illegal M-Clen pair in column       8: Mbst=         7 Clen=       4");
-}
-
 TEST_F(Lists, WrongRemovalsAreReported) {
   clen[3] = clen[4] = rlen[5] = 2;
   clen[6] = rlen[7] = 3;
@@ -165,62 +130,6 @@ TEST_F(Lists, WrongRemovalsAreReported) {
   iin->Prvr.V[7] = -3;  // a scanned row heads its list with Prvr = -1
   vlu::Remove_Row_from_List(s, 7);
   Expect_Fault("Remove_Row_From_List: Irow=7 Mrow=1 and Prev=-3");
-}
-
-TEST_F(Lists, ClearClokMovesAColumnToItsLowerBound) {
-  int *mact = iin->Mact.V, *mlow = iin->Mlow.V;
-  // A C-list member only loses its flag.
-  clen[1] = 3;
-  mlow[1] = 4;
-  vlu::Store_col_in_c_list(s, 1, 3);
-  vlu::CLEAR_Clok(s, 1, 2);
-  EXPECT_FALSE(vlu::IsTrue(iin->Clok.V[1]));
-  EXPECT_EQ(Cols(iin->Stcc.V[3], -3), (Members{1}));
-  // A count equal to its bound stays.
-  clen[2] = 4;
-  mlow[2] = 6;
-  vlu::Store_col_in_M_list(s, 2, 6);
-  vlu::CLEAR_Clok(s, 2, 4);
-  EXPECT_EQ(Cols(iin->Stmc.V[6], -6), (Members{2}));
-  // A count above its bound goes to the bound's list, the multiple tested on
-  // the coming length (8 is a multiple of 5 - 1, not of 4 - 1).
-  clen[3] = 4;
-  mlow[3] = 8;
-  vlu::Store_col_in_M_list(s, 3, 12);
-  vlu::CLEAR_Clok(s, 3, 5);
-  EXPECT_EQ(env->Exception, 0) << Flushed();
-  EXPECT_EQ(Cols(iin->Stmc.V[8], -8), (Members{3}));
-  EXPECT_EQ(clen[3], 4);  // the length is the caller's
-  // No bound, or a coming length below 2: a C-list (the zero list for 0).
-  clen[4] = clen[5] = 4;
-  mlow[5] = 3;
-  vlu::Store_col_in_M_list(s, 4, 9);
-  vlu::Store_col_in_M_list(s, 5, 9);
-  vlu::CLEAR_Clok(s, 4, 3);
-  vlu::CLEAR_Clok(s, 5, 0);
-  EXPECT_EQ(Cols(iin->Stcc.V[3], -3), (Members{4, 1}));
-  EXPECT_EQ(Cols(s.Ptr_Zero_Cols, 0), (Members{5}));
-  EXPECT_EQ(mact[4], 0);
-  // The top lists: a bound at the overflow stays, a lower one moves.
-  clen[6] = clen[7] = 4;
-  mlow[6] = iin->MarkBad - 1;
-  mlow[7] = 3;
-  vlu::Store_col_in_M_list(s, 6, vlu::Mark_Infinite);
-  vlu::Store_col_in_M_list(s, 7, vlu::Mark_Infinite);
-  vlu::CLEAR_Clok(s, 6, 4);
-  vlu::CLEAR_Clok(s, 7, 4);
-  EXPECT_EQ(Cols(iin->Stmc.V[iin->MarkBad], -iin->MarkBad), (Members{6}));
-  EXPECT_EQ(Cols(iin->Stmc.V[3], -3), (Members{7}));
-  EXPECT_EQ(s.Count_Mark_Col, 4);  // 2, 3, 6, 7
-  // Semi-dense mode: only the flag.
-  s.Semi_Dense = true;
-  vlu::CLEAR_Clok(s, 3, 2);
-  EXPECT_EQ(Cols(iin->Stmc.V[8], -8), (Members{3}));
-  s.Semi_Dense = false;
-  // A count below its bound stops.
-  mlow[2] = 9;
-  vlu::CLEAR_Clok(s, 2, 4);
-  Expect_Fault("Mact is less than Mlow. STOP.");
 }
 
 TEST_F(Lists, IncreaseStmcRaisesToAPrimeAndMovesTheTopLists) {

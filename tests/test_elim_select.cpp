@@ -1,10 +1,10 @@
 // Pivot selection on bumps that ExtractBasis loaded: the column scan and its
 // strict threshold, the pivot test, the thresholds that follow MarkHigh, the
 // statistics-driven switch, Factor_Bump's choice of mode by the rows left,
-// and the search itself (Test_Mcount, Select_Pivot, Select_Pivot_Dense,
-// Select_Pivot_D and its cache) with its exact tie rules and its Mfac margin.
-// Whether a chosen pivot is a good one the factors cannot tell; these tests
-// pin the choice.
+// and the search: the smallest count, and the Mfac margin that takes an
+// exhausted column with its longest row.  The tie rules and the cache of the
+// semi-dense search are pinned by the recorded factors of the whole
+// factorizations (test_bump_cases, test_dense_bases).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -278,187 +278,6 @@ TEST_F(ElimSelect, FactorBumpChoosesItsModeByTheRowsLeft) {
   }
 }
 
-TEST_F(ElimSelect, TestMcountKeepsTheFirstOfExactTiesAndAcceptsWithinMfac) {
-  Start(Six());
-  s.In_Select_Pivot = true;
-  auto toM = [&](int32_t j, int32_t m) {
-    vlu::Remove_col_from_list(s, j);
-    vlu::Store_col_in_M_list(s, j, m);
-  };
-  bool found = false;
-  // Column 2 has rows 1 and 2, both of length 2, equal magnitudes.  Stored
-  // with a stale count of 3 ((Clen-1) = 1 divides anything): the rescan
-  // finds 1, within 3 Mfac, and MarkBest is the list's count.
-  const std::vector<int32_t> r = Rows(2);
-  A(r[0], 2) = -1.5;
-  A(r[1], 2) = 1.5;
-  Fresh_Clmx();
-  toM(2, 3);
-  vlu::Test_Mcount(s, 1, 3, found);
-  ASSERT_TRUE(found);
-  EXPECT_EQ(s.Piv_Col, 2);
-  EXPECT_EQ(s.Piv_Row, r[0]);
-  EXPECT_EQ(s.MarkBest, 3);
-  EXPECT_EQ(s.Min_M_InList, 3);
-  EXPECT_TRUE(Consistent(2));
-  // The later element strictly larger wins.  (Column 2 left all lists.)
-  A(r[1], 2) = 1.5000001;
-  Fresh_Clmx();
-  vlu::Store_col_in_M_list(s, 2, 1);
-  vlu::Test_Mcount(s, 1, 1, found);
-  ASSERT_TRUE(found);
-  EXPECT_EQ(s.Piv_Row, r[1]);
-
-  // Column 6: row 5 (length 3) and row 6 (length 2); row 6's element fails
-  // the threshold, so its count is 2, not the 1 of its list: it is stored
-  // there, and column 2 behind it, of count 1, is taken.
-  A(5, 6) = 10.0;
-  A(6, 6) = 0.1;
-  Fresh_Clmx();
-  vlu::Store_col_in_M_list(s, 2, 1);
-  toM(6, 1);
-  const int64_t rev = s.St.Revisions_Tm;
-  vlu::Test_Mcount(s, 1, 1, found);
-  ASSERT_TRUE(found);
-  EXPECT_EQ(s.Piv_Col, 2);
-  EXPECT_EQ(s.St.Revisions_Tm, rev + 1);
-  EXPECT_EQ(iin->Mact.V[6], 2);
-  EXPECT_EQ(iin->Mlow.V[6], 1);
-  EXPECT_TRUE(Consistent(2));
-  // With the factor exactly at the new count the column is taken.
-  toM(6, 1);
-  s.Mfac = 2.0;
-  vlu::Test_Mcount(s, 1, 1, found);
-  EXPECT_TRUE(found);
-  EXPECT_EQ(s.Piv_Col, 6);
-  EXPECT_EQ(s.Piv_Row, 5);
-  EXPECT_EQ(s.MarkBest, 1);
-  EXPECT_EQ(env->Exception, 0);
-}
-
-TEST_F(ElimSelect, TestMcountSendsExhaustedColumnsUpAndKeepsTheBoundBelowListedOnes) {
-  Start(Six());
-  // Column 4 (count 4) waits in list 4; a walk that starts at 6 must not
-  // declare list 4 empty.
-  vlu::Remove_col_from_list(s, 4);
-  vlu::Store_col_in_M_list(s, 4, 4);
-  bool found = true;
-  vlu::Test_Mcount(s, 6, 8, found);
-  EXPECT_FALSE(found);
-  EXPECT_EQ(s.Min_M_InList, 4);
-  // With nothing acceptable in it, the walk sends it to the top list.
-  A(3, 4) = A(4, 4) = A(5, 4) = 1e-11;
-  Fresh_Clmx();
-  vlu::Test_Mcount(s, 2, 4, found);
-  EXPECT_FALSE(found);
-  EXPECT_EQ(s.Piv_Row, 0);
-  EXPECT_EQ(iin->Mact.V[4], iin->MarkBad);
-  EXPECT_EQ(iin->Mlow.V[4], 4);
-  EXPECT_EQ(s.Min_M_InList, 5);      // lists up to M2 are empty now
-  vlu::Test_Mcount(s, 1, 4, found);  // a range below the lowest list is not walked
-  EXPECT_FALSE(found);
-  EXPECT_TRUE(Consistent());
-}
-
-TEST_F(ElimSelect, SelectPivotTakesTheCheapestColumnAndBreaksTiesOnTheLastRow) {
-  Start(Six());
-  s.In_Select_Pivot = true;
-  vlu::Select_Pivot(s);
-  ASSERT_EQ(env->Exception, 0);
-  // Column 6 heads C-list 2 and has count 1 through row 6.
-  EXPECT_EQ(s.Piv_Col, 6);
-  EXPECT_EQ(s.Piv_Row, 6);
-  EXPECT_EQ(s.MarkBest, 1);
-  EXPECT_TRUE(Consistent(6));
-
-  // Column 6 made dearer (row 6 fails its threshold): columns 6 and 3 go to
-  // M-list 2, and column 2 (count 1) is taken, with equal magnitudes in its
-  // two rows of length 2: the later one in the column.
-  Start(Six());
-  s.In_Select_Pivot = true;
-  A(5, 6) = 10.0;
-  A(6, 6) = 0.1;
-  const std::vector<int32_t> r = Rows(2);
-  A(r[0], 2) = 2.0;
-  A(r[1], 2) = -2.0;
-  Fresh_Clmx();
-  vlu::Select_Pivot(s);
-  EXPECT_EQ(s.Piv_Col, 2);
-  EXPECT_EQ(s.Piv_Row, r[1]);
-  EXPECT_EQ(s.MarkBest, 1);
-  EXPECT_EQ(iin->Mact.V[6], 2);
-  EXPECT_EQ(iin->Mact.V[3], 2);
-  EXPECT_EQ(s.Count_Mark_Col, 2);
-  EXPECT_TRUE(Consistent(2));
-}
-
-TEST_F(ElimSelect, SelectPivotUsesTheTopListOnlyAtTheEnd) {
-  Start(Six());
-  s.In_Select_Pivot = true;
-  for (int32_t j = 1; j <= 6; ++j)
-    for (int32_t q = luf->Cstr.V[j]; q < luf->Cstr.V[j] + luf->Clen.V[j]; ++q)
-      vim->AUrmat.Val[q] = 1e-12;
-  Fresh_Clmx();
-  vlu::Select_Pivot(s);
-  ASSERT_EQ(env->Exception, 0) << msgs.All();
-  EXPECT_EQ(s.Piv_Col, 4);  // the last to reach the top list
-  EXPECT_EQ(s.Piv_Row, luf->Ir.V[luf->Cstr.V[4]]);
-  EXPECT_EQ(s.MarkBest, 2 * (luf->Rlen.V[s.Piv_Row] - 1));
-  for (int32_t j : {1, 2, 3, 5, 6}) EXPECT_EQ(iin->Mact.V[j], iin->MarkBad) << j;
-  EXPECT_EQ(s.COUNT_MARK_ROW, 6);
-  EXPECT_TRUE(Consistent(4));
-}
-
-TEST_F(ElimSelect, SelectPivotFindsARevisedCountAtTheNextBound) {
-  Start(Six());
-  s.In_Select_Pivot = true;
-  // Columns 2, 3, 6 (length 2) hold nothing acceptable; columns 1 and 5 fail
-  // in their rows of length 2.  The rows of length 2 push columns 1 and 5 to
-  // M-list 2, Test_Mcount revises both to 4, and at c = 3 the bound 4 takes
-  // column 1, the last revised, while the rows of length 3 still wait.
-  for (int32_t j : {2, 3, 6})
-    for (int32_t i : Rows(j)) A(i, j) = 1e-12;
-  A(1, 1) = A(2, 1) = 0.01;
-  A(3, 1) = 1.0;
-  A(6, 5) = 0.01;
-  Fresh_Clmx();
-  vlu::Select_Pivot(s);
-  ASSERT_EQ(env->Exception, 0) << msgs.All();
-  EXPECT_EQ(s.Piv_Col, 1);
-  EXPECT_EQ(s.Piv_Row, 3);
-  EXPECT_EQ(s.MarkBest, 4);
-  EXPECT_EQ(iin->Mact.V[5], 4);
-  EXPECT_EQ(iin->Mlow.V[5], 2);
-  for (int32_t j : {2, 3, 6}) EXPECT_EQ(iin->Mact.V[j], 6) << j;
-  EXPECT_EQ(s.MIN_RC_List, 3);
-  EXPECT_NE(iin->Stcr.V[3], 0);
-  EXPECT_TRUE(Consistent(1));
-}
-
-TEST_F(ElimSelect, SelectPivotTakesTheLongestRowOfAnExhaustedColumnWhenNothingBetterExists) {
-  // A full 66 x 66 block of elements below Rtpiva: no element passes
-  // anywhere.  At c = 66 the bound is 65^2 = 4225 and a column's count from
-  // the scan, Rowlft (Clen - 1) = 66 * 65 = 4290, is within it times Mfac:
-  // the column is taken with its longest row, the first of equals.
-  const int n = 66;
-  luc::Cols cols(static_cast<size_t>(n));
-  for (int j = 1; j <= n; ++j)
-    for (int i = 1; i <= n; ++i) cols[size_t(j - 1)].push_back({i, 1e-12 * (1.0 + 0.01 * i)});
-  markBad = 10007;
-  Start(luc::From_Columns(n, cols, true));
-  ASSERT_EQ(s.Rowlft, n);
-  s.In_Select_Pivot = true;
-  const int32_t head = iin->Stcc.V[n];
-  vlu::Select_Pivot(s);
-  ASSERT_EQ(env->Exception, 0) << msgs.All();
-  EXPECT_EQ(s.Piv_Col, head);
-  EXPECT_EQ(s.Piv_Row, luf->Ir.V[luf->Cstr.V[head]]);
-  EXPECT_EQ(s.MarkBest, 66 * 65);
-  EXPECT_EQ(s.MarkHigh, 65 * 65);
-  EXPECT_EQ(s.Length_Lim, n + 1);
-  EXPECT_TRUE(Consistent(head));
-}
-
 TEST_F(ElimSelect, SelectPivotFindsTheSmallestCountOnRandomBumps) {
   int tested = 0;
   for (uint64_t seed = 1; seed <= 40; ++seed) {
@@ -487,163 +306,28 @@ TEST_F(ElimSelect, SelectPivotFindsTheSmallestCountOnRandomBumps) {
   EXPECT_GT(tested, 20);
 }
 
-TEST_F(ElimSelect, SelectPivotDenseTakesTheFirstLargestElement) {
-  Start(Six());
-  const int32_t j = vim->Cnto.V[s.Piv_Indx];
-  const std::vector<int32_t> r = Rows(j);
-  A(r[0], j) = 1.0;
-  A(r[1], j) = -3.0;
-  A(r[2], j) = 3.0;
-  Fresh_Clmx();
-  vlu::Select_Pivot_Dense(s);
-  EXPECT_EQ(s.Piv_Col, j);
-  EXPECT_EQ(s.Piv_Row, r[1]);
-  EXPECT_EQ(s.MarkBest, 25);
-  EXPECT_TRUE(Consistent(j));
-}
-
-TEST_F(ElimSelect, SelectPivotDUsesItsCacheAndWalksColumnsThenRows) {
-  Start(Six());
-  vlu::Switch_to_Semi_Dense(s, s.Piv_Indx);
-  vlu::Select_Pivot_D(s);
-  ASSERT_EQ(env->Exception, 0);
-  // An empty cache sets no target: the first column with a pivot ends it.
-  EXPECT_EQ(s.Piv_Col, 6);
-  EXPECT_EQ(s.Piv_Row, 6);
-  EXPECT_EQ(s.MarkBest, 1);
-  ASSERT_EQ(s.Cand_Count, 1);
-  EXPECT_EQ(s.Cand_Col[1], 6);
-  EXPECT_EQ(s.Cand_M[1], 1);
-  EXPECT_TRUE(Consistent(6));
-
-  // A stale cached count is rescanned: column 4 cached at 1 has count 4,
-  // which becomes the target; column 6 (count 1) beats it.  Column 6 left
-  // its list above: back in it, and the cache emptied but for column 4.
-  vlu::Store_col_in_c_list(s, 6, 2);
-  s.Cand_Count = 1;
-  s.Cand_Col[1] = 4;
-  s.Cand_M[1] = 1;
-  vlu::Select_Pivot_D(s);
-  EXPECT_EQ(s.Piv_Col, 6);
-  EXPECT_EQ(s.MarkBest, 1);
-  ASSERT_EQ(s.Cand_Count, 2);
-  EXPECT_EQ(s.Cand_Col[1], 4);
-  EXPECT_EQ(s.Cand_M[1], 4);
-  EXPECT_EQ(s.Cand_Col[2], 6);
-
-  // A cached count found right is the answer when nothing below the target
-  // exists: column 6 cached, count 1, target 1.
-  vlu::Store_col_in_c_list(s, 6, 2);
-  s.Cand_Count = 1;
-  s.Cand_Col[1] = 6;
-  s.Cand_M[1] = 1;
-  const int64_t scans = s.St.Scan_Cols;
-  vlu::Select_Pivot_D(s);
-  EXPECT_EQ(s.Piv_Col, 6);
-  EXPECT_EQ(s.St.Scan_Cols, scans + 1);  // the cache's rescan only
-  EXPECT_EQ(env->Exception, 0);
-
-  // The walk by count on a fresh bump.
-  Start(Six());
-  vlu::Switch_to_Semi_Dense(s, s.Piv_Indx);
-  // Columns 2 and 6 hold only elements below Rtpiva: the walk passes them
-  // without a word.  Column 3 (rows 3 and 4, of length 3) is next in
-  // C-list 2, with count 2.
-  const std::vector<int32_t> r2 = Rows(2);
-  A(r2[0], 2) = A(r2[1], 2) = 1e-12;
-  A(5, 6) = A(6, 6) = 1e-12;
-  Fresh_Clmx();
-  vlu::Select_Pivot_D(s);
+TEST_F(ElimSelect, SelectPivotTakesTheLongestRowOfAnExhaustedColumnWhenNothingBetterExists) {
+  // A full 66 x 66 block of elements below Rtpiva: no element passes
+  // anywhere.  At c = 66 the bound is 65^2 = 4225 and a column's count from
+  // the scan, Rowlft (Clen - 1) = 66 * 65 = 4290, is within it times Mfac:
+  // the column is taken with its longest row, the first of equals.
+  const int n = 66;
+  luc::Cols cols(static_cast<size_t>(n));
+  for (int j = 1; j <= n; ++j)
+    for (int i = 1; i <= n; ++i) cols[size_t(j - 1)].push_back({i, 1e-12 * (1.0 + 0.01 * i)});
+  markBad = 10007;
+  Start(luc::From_Columns(n, cols, true));
+  ASSERT_EQ(s.Rowlft, n);
+  s.In_Select_Pivot = true;
+  const int32_t head = iin->Stcc.V[n];
+  vlu::Select_Pivot(s);
   ASSERT_EQ(env->Exception, 0) << msgs.All();
-  EXPECT_EQ(s.Piv_Col, 3);
-  EXPECT_EQ(s.MarkBest, 2);
-  // With column 3 tiny too, no column of length 2 has a pivot; the rows of
-  // length 2 follow, row 6 at the head of R-list 2: of its columns 5 and 6
-  // only column 5 passes, count (3-1)(2-1).
-  vlu::Store_col_in_c_list(s, 3, 2);
-  A(3, 3) = A(4, 3) = 1e-12;
-  Fresh_Clmx();
-  s.Cand_Count = 0;
-  ASSERT_EQ(iin->Stcr.V[2], 6);
-  vlu::Select_Pivot_D(s);
-  ASSERT_EQ(env->Exception, 0) << msgs.All();
-  EXPECT_EQ(s.Piv_Col, 5);
-  EXPECT_EQ(s.Piv_Row, 6);
-  EXPECT_EQ(s.MarkBest, 2);
-  EXPECT_EQ(s.Cand_Col[1], 5);
-  EXPECT_TRUE(Consistent(5));
-}
-
-TEST_F(ElimSelect, SelectPivotDCacheDropsPivotedColumnsAndEvictsTheDearest) {
-  const int n = 16;
-  // Column n (length 2, rows n and 1) has count 2, as have columns 1 and 2
-  // (row 2 is short); all others have count 4.  The cache holds stale
-  // counts; its first active entry is right (4) and the lowest, so it is the
-  // only one scanned again, and the walk then finds column n below it.
-  auto run = [&](bool withPivoted) {
-    Start(Ring(n));
-    ASSERT_EQ(s.NumVTria, 0);
-    vlu::Switch_to_Semi_Dense(s, s.Piv_Indx);
-    std::vector<int32_t> cols;
-    for (int32_t k = s.Piv_Indx + 1; k <= n; ++k) {
-      const int32_t j = vim->Cnto.V[k];
-      if (j != n && j != 1 && j != 2) cols.push_back(j);
-    }
-    ASSERT_GE(cols.size(), size_t(vlu::Cand_Max));
-    cols.resize(size_t(withPivoted ? vlu::Cand_Max - 1 : vlu::Cand_Max));
-    int32_t k = 0;
-    // A column at position Piv_Indx counts as pivoted and is dropped.
-    if (withPivoted) {
-      s.Cand_Col[++k] = vim->Cnto.V[s.Piv_Indx];
-      s.Cand_M[k] = 1;
-    }
-    for (size_t l = 0; l < cols.size(); ++l) {
-      s.Cand_Col[++k] = cols[l];
-      s.Cand_M[k] = l == 0 ? 4 : (l == 4 || l == 8) ? 60 : 50;
-    }
-    s.Cand_Count = k;
-    vlu::Select_Pivot_D(s);
-    ASSERT_EQ(env->Exception, 0);
-    EXPECT_EQ(s.MarkBest, 2);
-    EXPECT_EQ(s.Piv_Col, n);
-    ASSERT_EQ(s.Cand_Count, vlu::Cand_Max);
-    EXPECT_EQ(s.Cand_Col[vlu::Cand_Max], n);
-    EXPECT_EQ(s.Cand_M[vlu::Cand_Max], 2);
-    EXPECT_EQ(s.Cand_M[1], 4);
-    // A full cache lost the older of its two dearest entries.
-    if (!withPivoted) cols.erase(cols.begin() + 4);
-    const std::vector<int32_t> left(s.Cand_Col + 1, s.Cand_Col + vlu::Cand_Max);
-    EXPECT_EQ(left, cols);
-    EXPECT_TRUE(Consistent(n));
-  };
-  run(true);
-  run(false);
-}
-
-TEST_F(ElimSelect, SelectPivotDRowPassPrefersTheLargerOfEquallyShortColumns) {
-  const int n = 16;
-  Start(Ring(n));
-  vlu::Switch_to_Semi_Dense(s, s.Piv_Indx);
-  // Column n, the only one of length 2, holds nothing acceptable.  Row 2,
-  // the only row of length 2, lies in columns 1 and 2, both of length 3:
-  // the larger magnitude decides, whichever stands first in the row.
-  A(n, n) = A(1, n) = 1e-12;
-  const int32_t p = luf->Rstr.V[2];
-  const int32_t first = luf->Ic.V[p], second = luf->Ic.V[p + 1];
-  for (int round = 0; round < 2; ++round) {
-    const int32_t big = round == 0 ? first : second, small = round == 0 ? second : first;
-    A(2, big) = 1.5;
-    A(2, small) = -1.4;
-    Fresh_Clmx();
-    s.Cand_Count = 0;
-    vlu::Select_Pivot_D(s);
-    ASSERT_EQ(env->Exception, 0) << msgs.All();
-    EXPECT_EQ(s.Piv_Row, 2);
-    EXPECT_EQ(s.Piv_Col, big);
-    EXPECT_EQ(s.MarkBest, 2);
-    EXPECT_TRUE(Consistent(big));
-    vlu::Store_col_in_c_list(s, big, 3);
-  }
+  EXPECT_EQ(s.Piv_Col, head);
+  EXPECT_EQ(s.Piv_Row, luf->Ir.V[luf->Cstr.V[head]]);
+  EXPECT_EQ(s.MarkBest, 66 * 65);
+  EXPECT_EQ(s.MarkHigh, 65 * 65);
+  EXPECT_EQ(s.Length_Lim, n + 1);
+  EXPECT_TRUE(Consistent(head));
 }
 
 }  // namespace

@@ -27,8 +27,8 @@ Problem Mixed(double d3) {
   cols[3] = {{4, 5.0}, {6, 1.0}};
   cols[4] = {{5, 6.0}, {4, 0.7}};
   Problem p = luc::From_Columns(6, cols);
-  for (int j = 1; j <= 5; ++j) p.stat[size_t(j - 1)] = 2;
-  p.stat[size_t(7 + 6 - 1)] = 2;  // slack of row 6
+  for (int j = 1; j <= 5; ++j) p.basis[size_t(j - 1)] = 2;
+  p.basis[size_t(7 + 6 - 1)] = 2;  // slack of row 6
   return p;
 }
 
@@ -109,16 +109,16 @@ TEST_F(ExtractDirect, LargerRandomBumpsAreLoadedConsistently) {
   // phases and leaves a bump between them.
   const int n = 400;
   for (uint64_t seed = 1; seed <= 3; ++seed) {
-    luc::Triangular t = luc::Make_Triangular(n, true, seed, 0.2);
+    luc::Triangular t = luc::Make_Triangular(n, luc::Shape::Lower, seed, true, 0.2);
     const int c150 = t.colOfPos[150], c100 = t.colOfPos[100];
     t.cols[size_t(c150 - 1)].push_back({t.prow[100], 0.9});
     bool has = false;
     for (const auto &e : t.cols[size_t(c100 - 1)]) has = has || e.first == t.prow[150];
     if (!has) t.cols[size_t(c100 - 1)].push_back({t.prow[150], -0.7});
     Problem p = luc::From_Columns(n, t.cols);
-    p.stat = t.p.stat;
-    p.stat[size_t(c150 - 1)] = p.stat[size_t(c100 - 1)] = 2;
-    p.stat[size_t(n + t.prow[150])] = p.stat[size_t(n + t.prow[100])] = 0;
+    p.basis = t.c.basis;
+    p.basis[size_t(c150 - 1)] = p.basis[size_t(c100 - 1)] = 2;
+    p.basis[size_t(n + t.prow[150])] = p.basis[size_t(n + t.prow[100])] = 0;
     Extract(p);
     EXPECT_LT(env->Luf->NumVTria, n);
     EXPECT_TRUE(luc::Check_Factors(env, true)) << "seed " << seed;
@@ -131,13 +131,13 @@ void Factor_In_Fresh_Interface(const Problem &p) {
   vlu_regmsgcb(nullptr, Quiet);
   vlu_destroy();
   vlu_create();
-  p.Factor();
+  luc::Factor(p);
 }
 
 TEST(FactorBumpDeath, NonSquareBasisStopsTheFactorCall) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   Problem p = Mixed(2.0);
-  p.stat[5] = 2;  // a seventh basic column
+  p.basis[5] = 2;  // a seventh basic column
   EXPECT_EXIT(Factor_In_Fresh_Interface(p), ::testing::ExitedWithCode(EXIT_FAILURE),
               "VMI%Exception is not zero");
 }

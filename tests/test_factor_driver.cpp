@@ -1,5 +1,5 @@
 // The driver around the phases: tolerance rules, the prime MarkBad, the NaN
-// repair, the growth of the stores and allocation failures.
+// repair and the growth of the stores.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -112,7 +112,7 @@ TEST_F(Driver, NanRepairRaisesTolerancesAndWarnsTwice) {
 }
 
 TEST_F(Driver, GrowingTheUFileMovesTheRowsUp) {
-  Load(luc::Make_Triangular(300, true, 21, 0.3).p);
+  Load(luc::Make_Triangular(300, luc::Shape::Lower, 21, true, 0.3).c);
   vlu::LUFactor(env);
   ASSERT_EQ(env->Exception, 0);
   vlu::LUF *luf = env->Luf;
@@ -136,29 +136,12 @@ TEST_F(Driver, FailedGrowthIsReportedAndLeaksNothing) {
   EXPECT_EQ(env->Exception, 96);
   EXPECT_TRUE(msgs.Has("Failure when attempting to increase Lmat, Lrow, and Lpiv"));
   // Inside the driver: the bump vectors fit, the stores not.
-  Load(luc::Make_Triangular(500, false, 8).p);
+  Load(luc::Make_Triangular(500, luc::Shape::Upper, 8).c);
   env->MaxHeap_Bytes = env->Mem_Current + 1000;
   vlu::LUFactor(env);
   EXPECT_EQ(env->Exception, 96);
   EXPECT_FALSE(env->EnoughSpace);
   // Both environments are freed (by Load, by the teardown) with no imbalance.
-}
-
-TEST_F(Driver, AllocationFailureInTheFactorCallReturnsFour) {
-  luc::Triangular t = luc::Make_Triangular(300, true, 4, 0.2);
-  vlu_destroy();
-  ASSERT_EQ(vlu_create(), 0);
-  for (int64_t limit : {100, 5000, 20000}) {
-    vlu::Test_Heap_Limit = limit;
-    testing::internal::CaptureStdout();
-    const int rc = t.p.Factor();
-    testing::internal::GetCapturedStdout();
-    vlu::Test_Heap_Limit = 0;
-    EXPECT_EQ(rc, 4) << limit;
-    EXPECT_EQ(vlu::Iface().env, nullptr);
-  }
-  EXPECT_EQ(t.p.Factor(), 0);  // the teardown finds no imbalance message
-  vlu_destroy();
 }
 
 }  // namespace

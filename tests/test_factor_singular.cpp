@@ -45,9 +45,9 @@ using FactorSingular = luc::ApiTest;
 
 TEST_F(FactorSingular, TwoSmallPivotsGiveTheWorkedPairs) {
   Problem p = Six(1e-12, 1e-13);
-  const std::vector<int> before = p.stat;
-  ASSERT_EQ(p.Factor(), 3);
-  EXPECT_EQ(p.stat, before);  // the caller's marking is not touched
+  const std::vector<int> before = p.basis;
+  ASSERT_EQ(luc::Factor(p), 3);
+  EXPECT_EQ(p.basis, before);  // the caller's marking is not touched
   EXPECT_EQ(Singular_Pairs(), (Pairs{{3, 3}, {1, 5}}));
   // Inside: columns 3 and 5 out, the slacks of rows 3 and 1 in, on their rows.
   const vlu::VIM *vim = Env()->Vim;
@@ -60,18 +60,18 @@ TEST_F(FactorSingular, TwoSmallPivotsGiveTheWorkedPairs) {
 
   // Accepting the pairs gives a regular basis; its U is as large as the
   // repaired one (no dropped element or stale slot was left behind).
-  p.stat[2] = p.stat[4] = 0;
-  p.stat[size_t(7 + 3 - 1)] = p.stat[size_t(7 + 1 - 1)] = 2;
-  ASSERT_EQ(p.Factor(), 0);
+  p.basis[2] = p.basis[4] = 0;
+  p.basis[size_t(7 + 3 - 1)] = p.basis[size_t(7 + 1 - 1)] = 2;
+  ASSERT_EQ(luc::Factor(p), 0);
   EXPECT_EQ(vlu_getnumsing(), 0);
   EXPECT_EQ(Env()->Luf->U_numele, uRepaired);
   EXPECT_TRUE(luc::Check_Factors(Env()));
 }
 
 TEST_F(FactorSingular, PivotEqualToTheAbsoluteToleranceIsSmall) {
-  ASSERT_EQ(Six(1.0, 1.0e-10).Factor(), 3);
+  ASSERT_EQ(luc::Factor(Six(1.0, 1.0e-10)), 3);
   EXPECT_EQ(Singular_Pairs(), (Pairs{{1, 5}}));
-  ASSERT_EQ(Six(1.0, -1.0000001e-10).Factor(), 0);
+  ASSERT_EQ(luc::Factor(Six(1.0, -1.0000001e-10)), 0);
   EXPECT_EQ(Env()->Vim->Min_Pivot, 1.0000001e-10);
   EXPECT_TRUE(luc::Check_Factors(Env()));
 }
@@ -84,7 +84,7 @@ TEST_F(FactorSingular, NanEntryIsRepairedAsASmallPivot) {
   luc::Cols cols(2);
   cols[0] = {{1, 1.0}, {2, std::nan("")}};
   cols[1] = {{1, 1.0}};
-  ASSERT_EQ(luc::From_Columns(2, cols, true).Factor(), 3);
+  ASSERT_EQ(luc::Factor(luc::From_Columns(2, cols, true)), 3);
   EXPECT_EQ(Singular_Pairs(), (Pairs{{2, 1}}));
 }
 

@@ -15,7 +15,7 @@ using FactorTriangular = luc::ApiTest;
 
 TEST_F(FactorTriangular, AllSlackBasisGivesIdentity) {
   const int n = 40;
-  ASSERT_EQ(luc::All_Slack(n).Factor(), 0);
+  ASSERT_EQ(luc::Factor(luc::All_Slack(n)), 0);
   const vlu::VIM *vim = Env()->Vim;
   EXPECT_EQ(Env()->Luf->Num_Slack, n);
   EXPECT_EQ(Env()->Luf->U_numele, n);
@@ -29,8 +29,8 @@ TEST_F(FactorTriangular, AllSlackBasisGivesIdentity) {
 
   Problem empty;  // n = 0
   empty.colStart = {1};
-  empty.stat = {0};
-  EXPECT_EQ(empty.Factor(), 0);
+  empty.basis = {0};
+  EXPECT_EQ(luc::Factor(empty), 0);
 }
 
 // (lower, n, share of slacks)
@@ -43,8 +43,9 @@ TEST_P(TriangularShapes, FactorsReproduceTheBasis) {
   // state the one before left.
   for (uint64_t seed = 1; seed <= (n > 1000 ? 1u : 3u); ++seed) {
     luc::Triangular t =
-        luc::Make_Triangular(n, std::get<0>(GetParam()), seed * 977 + n, std::get<2>(GetParam()));
-    ASSERT_EQ(t.p.Factor(), 0) << "seed " << seed;
+        luc::Make_Triangular(n, std::get<0>(GetParam()) ? luc::Shape::Lower : luc::Shape::Upper,
+                            seed * 977 + n, true, std::get<2>(GetParam()));
+    ASSERT_EQ(luc::Factor(t.c), 0) << "seed " << seed;
     vlu::VMI *env = Env();
     EXPECT_EQ(env->Luf->NumVTria, n);
     EXPECT_EQ(env->Luf->Num_Pre, 0);  // a triangular basis is all post-triangular
@@ -54,7 +55,7 @@ TEST_P(TriangularShapes, FactorsReproduceTheBasis) {
     // Columns pivot on their diagonal of the hidden order, slacks on their row.
     for (int k = 1; k <= n; ++k) {
       const int row = t.prow[size_t(k)], col = t.colOfPos[size_t(k)];
-      ASSERT_EQ(env->Vim->Rwcl.V[row], t.p.stat[size_t(col - 1)] == 2 ? col : n + 1 + row) << row;
+      ASSERT_EQ(env->Vim->Rwcl.V[row], t.c.basis[size_t(col - 1)] == 2 ? col : n + 1 + row) << row;
     }
     // The work vectors lent to the phases are back and clean.
     for (int i = 1; i <= n + 1; ++i)
@@ -83,9 +84,10 @@ TEST_F(FactorTriangular, ColumnTWithKnownRAndTinyElements) {
     if (j + 3 <= n) cols[size_t(j - 1)].push_back({j + 3, 0.5});
   }
   Problem p = luc::From_Columns(n, cols);
+  p.hasR = true;
   for (int i = 1; i <= n; ++i) p.r.push_back(i == 1 ? 3.0 : i % 4 == 0 ? 0.0 : 0.1 * i);
-  for (int j = 2; j <= n + 1; ++j) p.stat[size_t(j - 1)] = 2;  // n + 1 is t
-  ASSERT_EQ(p.Factor(), 0);
+  for (int j = 2; j <= n + 1; ++j) p.basis[size_t(j - 1)] = 2;  // n + 1 is t
+  ASSERT_EQ(luc::Factor(p), 0);
   EXPECT_EQ(Env()->Vim->Rwcl.V[1], n + 1);
   EXPECT_EQ(Env()->Iin->Zeros_Removed, n / 4 + (n - 2));  // column 1 is not basic
   // U: the diagonals, the -1e-19 and 0.5 elements of columns 2..n, r but its zeros.

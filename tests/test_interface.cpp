@@ -88,13 +88,6 @@ TEST_F(Interface, QueriesReadZeroBeforeAnyFactorization) {
   }
 }
 
-TEST_F(Interface, UpdateLimitReturnsValue) {
-  int lim = -1;
-  EXPECT_EQ(vlu_setupdatelimit(&lim), -1);
-  lim = 0;
-  EXPECT_EQ(vlu_setupdatelimit(&lim), 0);
-}
-
 TEST_F(Interface, RegisterCallbackReturnsPrevious) {
   Captured c;
   EXPECT_EQ(vlu_regmsgcb(&c, Capture), nullptr);

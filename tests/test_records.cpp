@@ -1,4 +1,6 @@
-// Record tree, vector sizing and teardown balance.
+// The record tree: the initial sizes of the L-file and the update etas, an
+// allocation failure midway, the listings of every vector, and the
+// teardown's balance.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,7 +12,7 @@
 #include "runtime/block_cache.h"
 #include "runtime/messages.h"
 #include "runtime/records.h"
-#include "triangular_support.h"
+#include "support/lu_check.h"
 #include "vardenlu.h"
 
 namespace {
@@ -33,80 +35,6 @@ vlu::VMI *Build(int32_t n, int32_t nz, int32_t limit = 2147483647) {
   v->Vim->NumCol = n + 1;
   v->Vim->NumNz = nz + n;
   return v;
-}
-
-bool Balanced(const vlu::VMI *v) {
-  return v->NumVec_Int == 0 && v->NumVec_Real == 0 && v->NumVec_Log == 0 && v->NumEle_Int == 0 &&
-         v->NumEle_Real == 0 && v->NumEle_Log == 0 && v->Mem_Current == 0;
-}
-
-TEST(Records, DefaultsOfTheTree) {
-  vlu::VMI *v = Build(4, 6);
-  EXPECT_EQ(v->Eps, std::ldexp(1.0, -52));
-  EXPECT_DOUBLE_EQ(v->Eps_Sqrt, std::sqrt(std::ldexp(1.0, -52)));
-  EXPECT_EQ(v->Rtpiva, 1.0e-10);
-  EXPECT_EQ(v->Rvpivr, 0.05);
-  EXPECT_EQ(v->Tol_Zero, 1.0e-20);
-  EXPECT_EQ(v->Space_Factor, 2.0);
-  EXPECT_EQ(v->Time_Limit, 10000.0);
-  EXPECT_TRUE(v->EnoughSpace);
-  EXPECT_EQ(v->Exception, 0);
-  EXPECT_EQ(v->MemoryMode, 1);
-  EXPECT_EQ(v->MemoryArea, 1);
-  EXPECT_EQ(v->Vim->Tol_Piv_Rel, 0.05);
-  EXPECT_EQ(v->Iin->MarkBad, 101);
-  EXPECT_EQ(v->Iin->MarkOver, 100);
-  EXPECT_EQ(v->Iin->MarkMax, 99);
-  ASSERT_NE(v->Vum, nullptr);
-  ASSERT_NE(v->Vpi, nullptr);
-  ASSERT_NE(v->Vdp, nullptr);
-  ASSERT_NE(v->Bnd, nullptr);
-  ASSERT_NE(v->Anon, nullptr);
-  EXPECT_STREQ(v->Luf->Lmat.Name, "LUF%Lmat            ");
-  int status = 0;
-  vlu::VMI_Deallocate(&v, &status);
-  EXPECT_EQ(v, nullptr);
-  vlu::VMI_Deallocate(&v, &status);  // second call: null pointer, nothing happens
-}
-
-TEST(Records, SizesOfTheInversionVectors) {
-  g_lines.clear();
-  vlu::VMI *v = Build(10, 30);
-  vlu::Allocate_Inversion(v);
-  ASSERT_TRUE(v->EnoughSpace);
-  const vlu::VIM *vim = v->Vim;
-  const vlu::LUF *luf = v->Luf;
-  EXPECT_EQ(vim->NumVar, 21);
-  EXPECT_EQ(vim->Stcl.Size, 12);
-  EXPECT_EQ(vim->Jace.Length, 40);
-  EXPECT_EQ(vim->HelpI.Size, 21);
-  EXPECT_EQ(vim->HelpZ.Size, 11);
-  EXPECT_EQ(luf->Ic.Size, 50);
-  EXPECT_EQ(luf->Ucmat.Length, 10);
-  EXPECT_EQ(luf->RowUSpace, 40);   // min(AUrmat, Ic)
-  EXPECT_EQ(luf->ColUSpace, 10);   // min(Ir, Ucmat)
-  EXPECT_EQ(luf->ColASpace, 10);   // min(R2cp, C2rp, Ir)
-  EXPECT_EQ(luf->Lmat.Length, 29); // e = 40 - 11 = 29 < 0.6 * 121
-  EXPECT_EQ(luf->Lstr.Size, 20);
-  EXPECT_EQ(luf->Lsor.Size, 11);
-  for (int i = 1; i <= 11; ++i) {
-    EXPECT_EQ(vim->HelpZ[i], 0);
-    EXPECT_EQ(vim->WorkZ.Val[i], 0.0);
-  }
-  int status = 0;
-  vlu::VMI_Deallocate(&v, &status);
-  for (auto &l : g_lines) EXPECT_EQ(l.find("not in balance"), std::string::npos) << l;
-}
-
-TEST(Records, EmptyProblemIsLegal) {
-  vlu::VMI *v = Build(0, 0);
-  vlu::Allocate_Inversion(v);
-  EXPECT_TRUE(v->EnoughSpace);
-  EXPECT_EQ(v->Vim->Stcl.Size, 2);
-  EXPECT_EQ(v->Vim->NumVar, 1);
-  EXPECT_EQ(v->Luf->Lmat.Length, 0);  // min(1, 0.6 * 1) truncates to 0
-  int status = 0;
-  vlu::VMI_Deallocate(&v, &status);
 }
 
 TEST(Records, InitialLFileLength) {
@@ -160,23 +88,6 @@ TEST(Records, FailureMidwayLeavesLaterVectorsUnallocatedAndBalances) {
     if (l == " ** Fatal Error **  Insufficient memory to read basic model.") memoryMessage = true;
   }
   EXPECT_TRUE(memoryMessage);
-}
-
-TEST(Records, DeallocationProvesBalanceBeforeFreeing) {
-  // Release every vector by hand and check the statistics on the spot.
-  vlu::VMI *v = Build(20, 60);
-  vlu::Allocate_Inversion(v);
-  int status = 0;
-  vlu::LUF_Deallocate(v, &status);
-  vlu::IIN_Deallocate(v, &status);
-  vlu::VIM_Deallocate(v, &status);
-  EXPECT_EQ(v->Luf, nullptr);
-  EXPECT_EQ(v->Iin, nullptr);
-  EXPECT_EQ(v->Vim, nullptr);
-  EXPECT_TRUE(Balanced(v));
-  EXPECT_GT(v->Mem_Max, 0);
-  EXPECT_GT(v->Mem_Total, 0);
-  vlu::VMI_Deallocate(&v, &status);
 }
 
 // Counts what the slot listings of all records see allocated, per class as
@@ -241,8 +152,8 @@ TEST(Records, ListingsCoverEveryAllocatedVector) {
 
   vlu_destroy();
   vlu_create();
-  tri::System s = tri::Make_System(60, tri::Shape::Upper, 5, true, 0.25);
-  ASSERT_EQ(tri::Factor(s.c, s.c.basis), 0);
+  luc::Triangular s = luc::Make_Triangular(60, luc::Shape::Upper, 5, true, 0.25);
+  ASSERT_EQ(luc::Factor(s.c, s.c.basis), 0);
   ASSERT_TRUE(vlu::Iface().env->Iin->Lisr.Allocated());
   check(vlu::Iface().env);
   vlu_destroy();

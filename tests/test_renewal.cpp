@@ -17,7 +17,7 @@
 #include "runtime/vectors.h"
 #include "runtime_env.h"
 #include "tools/case_io.h"
-#include "triangular_support.h"
+#include "support/lu_check.h"
 #include "vardenlu.h"
 
 namespace {
@@ -113,7 +113,7 @@ class Renewal : public ::testing::Test {
  protected:
   void SetUp() override {
     vlu_destroy();
-    vlu_regmsgcb(&lines, tri::Keep_Lines);
+    vlu_regmsgcb(&lines, luc::Capture_Lines);
     ASSERT_EQ(vlu_create(), 0);
   }
   void TearDown() override {
@@ -127,7 +127,7 @@ class Renewal : public ::testing::Test {
   Snapshot Fresh(const vlu_case::Case &c, int expect) {
     vlu_destroy();
     EXPECT_EQ(vlu_create(), 0);
-    EXPECT_EQ(tri::Factor(c, c.basis), expect);
+    EXPECT_EQ(luc::Factor(c, c.basis), expect);
     return Take(Env());
   }
   // Nothing is held outside the vectors once the call is over.
@@ -141,7 +141,7 @@ class Renewal : public ::testing::Test {
       EXPECT_LE(vlu::Block_Cache_Bytes(), vlu::Block_Live_Bytes());
     }
   }
-  tri::Lines lines;
+  luc::Messages lines;
 };
 
 // After bases of other sizes, of the same size and singular ones, the
@@ -162,7 +162,7 @@ TEST_F(Renewal, RenewedEnvironmentIsTheFreshOne) {
   int k = 0;
   for (const Step &s : steps) {
     SCOPED_TRACE("step " + std::to_string(k++) + " " + s.c->name);
-    ASSERT_EQ(tri::Factor(*s.c, s.c->basis), s.expect);
+    ASSERT_EQ(luc::Factor(*s.c, s.c->basis), s.expect);
     if (s.fresh != nullptr) {
       EXPECT_TRUE(Take(Env()) == *s.fresh);
     }
@@ -174,13 +174,13 @@ TEST_F(Renewal, RenewedEnvironmentIsTheFreshOne) {
 // was, and the records themselves are the same.
 TEST_F(Renewal, SameSizeKeepsTheBlocks) {
   const vlu_case::Case ship = Load("ship04l");
-  ASSERT_EQ(tri::Factor(ship, ship.basis), 0);
+  ASSERT_EQ(luc::Factor(ship, ship.basis), 0);
   const vlu::VMI *env = Env();
   const vlu::VIM *vim = env->Vim;
   const double *jace = Env()->Vim->Jace.Val;
   const int32_t *rnum = Env()->Vim->Rnum.V;
   const int32_t *ic = Env()->Luf->Ic.V;
-  ASSERT_EQ(tri::Factor(ship, ship.basis), 0);
+  ASSERT_EQ(luc::Factor(ship, ship.basis), 0);
   EXPECT_EQ(Env(), env);
   EXPECT_EQ(Env()->Vim, vim);
   EXPECT_EQ(Env()->Vim->Jace.Val, jace);
@@ -193,37 +193,37 @@ TEST_F(Renewal, SameSizeKeepsTheBlocks) {
 // blocks at first but end the call in blocks of their own size, and the
 // cache keeps no more than the small environment uses.
 TEST_F(Renewal, LargeToSmallEndsInSmallBlocks) {
-  tri::System big = tri::Make_System(3000, tri::Shape::Upper, 3, true, 0.3);
-  tri::System small = tri::Make_System(40, tri::Shape::Lower, 4, true, 0.3);
-  ASSERT_EQ(tri::Factor(big.c, big.c.basis), 0);
-  ASSERT_EQ(tri::Factor(small.c, small.c.basis), 0);
+  luc::Triangular big = luc::Make_Triangular(3000, luc::Shape::Upper, 3, true, 0.3);
+  luc::Triangular small = luc::Make_Triangular(40, luc::Shape::Lower, 4, true, 0.3);
+  ASSERT_EQ(luc::Factor(big.c, big.c.basis), 0);
+  ASSERT_EQ(luc::Factor(small.c, small.c.basis), 0);
   Expect_Settled();
   EXPECT_LT(vlu::Block_Live_Bytes(), 60000u);
   std::vector<double> b(40, 1.0);
-  EXPECT_LT(tri::Solve_Residual(small.c, small.c.basis, b), 1e-14);
+  EXPECT_LT(luc::Solve_Residual(small.c, small.c.basis, b), 1e-14);
   // and back: the large one again, as fresh
-  ASSERT_EQ(tri::Factor(big.c, big.c.basis), 0);
+  ASSERT_EQ(luc::Factor(big.c, big.c.basis), 0);
   Expect_Settled();
   std::vector<double> bb(3000, 1.0);
-  EXPECT_LT(tri::Solve_Residual(big.c, big.c.basis, bb), 1e-14);
+  EXPECT_LT(luc::Solve_Residual(big.c, big.c.basis, bb), 1e-14);
 }
 
 // A renewal whose set-up runs out of memory returns 4 and leaves nothing,
 // spares included, behind.
 TEST_F(Renewal, FailedSetUpLeavesNothing) {
   const vlu_case::Case ship = Load("ship04l");
-  ASSERT_EQ(tri::Factor(ship, ship.basis), 0);
+  ASSERT_EQ(luc::Factor(ship, ship.basis), 0);
   // Count the requests of a whole call, then fail each in turn.
   const int64_t before = vlu::Test_Alloc_Count;
-  ASSERT_EQ(tri::Factor(ship, ship.basis), 0);
+  ASSERT_EQ(luc::Factor(ship, ship.basis), 0);
   const int64_t perCall = vlu::Test_Alloc_Count - before;
   ASSERT_GT(perCall, 40);
   for (int64_t at = 1; at <= perCall; at += 7) {
     SCOPED_TRACE(at);
-    ASSERT_EQ(tri::Factor(ship, ship.basis), 0);
+    ASSERT_EQ(luc::Factor(ship, ship.basis), 0);
     vlu::Test_Alloc_Fail_At = vlu::Test_Alloc_Count + at;
     testing::internal::CaptureStdout();
-    const int rc = tri::Factor(ship, ship.basis);
+    const int rc = luc::Factor(ship, ship.basis);
     testing::internal::GetCapturedStdout();
     vlu::Test_Alloc_Fail_At = 0;
     ASSERT_EQ(rc, 4);
@@ -237,9 +237,9 @@ TEST_F(Renewal, FailedSetUpLeavesNothing) {
 TEST_F(Renewal, AllocationTraceSeesTheRelease) {
   const vlu_case::Case ship = Load("ship04l");
   vlu::Test_Options.Trace_Memory = 1;
-  ASSERT_EQ(tri::Factor(ship, ship.basis), 0);
-  lines.all.clear();
-  ASSERT_EQ(tri::Factor(ship, ship.basis), 0);
+  ASSERT_EQ(luc::Factor(ship, ship.basis), 0);
+  lines.lines.clear();
+  ASSERT_EQ(luc::Factor(ship, ship.basis), 0);
   EXPECT_TRUE(lines.Has("Deallocate_RVec: Vector VIM%Jace Associated=T Length="));
   EXPECT_TRUE(lines.Has("Allocate_RVec: Vector VIM%Jace has been allocated with"));
   vlu::Test_Options.Trace_Memory = 0;

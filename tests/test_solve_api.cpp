@@ -3,11 +3,11 @@
 #include <cfloat>
 
 #include "interface/state.h"
-#include "triangular_support.h"
+#include "support/lu_check.h"
 
 namespace {
 
-using SolveApi = tri::Session;
+using SolveApi = luc::ApiTest;
 
 std::vector<double> Random_Rhs(int n, uint64_t seed) {
   std::mt19937_64 gen(seed);
@@ -19,33 +19,33 @@ std::vector<double> Random_Rhs(int n, uint64_t seed) {
 
 TEST_F(SolveApi, TriangularBasesHaveSmallResiduals) {
   const struct {
-    tri::Shape shape;
+    luc::Shape shape;
     bool permute;
     int n;
     double slacks;
-  } shapes[] = {{tri::Shape::Lower, false, 1, 0.0},      {tri::Shape::Lower, false, 9, 0.0},
-                {tri::Shape::Upper, false, 9, 0.0},      {tri::Shape::Lower, true, 300, 0.0},
-                {tri::Shape::Upper, true, 300, 0.0},     {tri::Shape::Lower, true, 2000, 0.3},
-                {tri::Shape::Upper, true, 2000, 0.3},    {tri::Shape::Upper, false, 500, 0.5},
-                {tri::Shape::Lower, true, 200000, 0.2}};
+  } shapes[] = {{luc::Shape::Lower, false, 1, 0.0},      {luc::Shape::Lower, false, 9, 0.0},
+                {luc::Shape::Upper, false, 9, 0.0},      {luc::Shape::Lower, true, 300, 0.0},
+                {luc::Shape::Upper, true, 300, 0.0},     {luc::Shape::Lower, true, 2000, 0.3},
+                {luc::Shape::Upper, true, 2000, 0.3},    {luc::Shape::Upper, false, 500, 0.5},
+                {luc::Shape::Lower, true, 200000, 0.2}};
   for (const auto &p : shapes) {
-    SCOPED_TRACE(::testing::Message() << (p.shape == tri::Shape::Lower ? "lower" : "upper")
+    SCOPED_TRACE(::testing::Message() << (p.shape == luc::Shape::Lower ? "lower" : "upper")
                                       << (p.permute ? " permuted" : "") << " n=" << p.n);
     Restart();
-    const tri::System s = tri::Make_System(p.n, p.shape, 1000 + p.n, p.permute, p.slacks);
+    const luc::Triangular s = luc::Make_Triangular(p.n, p.shape, 1000 + p.n, p.permute, p.slacks);
     const vlu_case::Case &c = s.c;
-    ASSERT_EQ(tri::Factor(c, c.basis), 0);
+    ASSERT_EQ(luc::Factor(c, c.basis), 0);
     // Without a bump everything goes to U and nothing to L.
     EXPECT_EQ(vlu::Iface().env->Luf->LFileUsed, 0);
     EXPECT_EQ(vlu::Iface().env->Luf->U_numele, vlu_case::Nnz_B(c, c.basis));
-    EXPECT_LT(tri::Solve_Residual(c, c.basis, std::vector<double>(p.n, 1.0)), 1e-13);
-    EXPECT_LT(tri::Solve_Residual(c, c.basis, Random_Rhs(p.n, 77)), 1e-13);
+    EXPECT_LT(luc::Solve_Residual(c, c.basis, std::vector<double>(p.n, 1.0)), 1e-13);
+    EXPECT_LT(luc::Solve_Residual(c, c.basis, Random_Rhs(p.n, 77)), 1e-13);
 
     // b = 0, one entry of it -0: every basic column reads +0, every other
     // one DBL_MAX.
     std::vector<double> b(p.n, 0.0), sol;
     b[p.n / 2] = -0.0;
-    tri::Solve_Residual(c, c.basis, b, &sol);
+    luc::Solve_Residual(c, c.basis, b, &sol);
     int wrong = 0;
     for (int j = 1; j <= 2 * p.n + 1; ++j)
       wrong += c.basis[j - 1] == 2 ? sol[j - 1] != 0.0 || std::signbit(sol[j - 1])
@@ -80,8 +80,8 @@ TEST_F(SolveApi, EmptySystemMarksTheOnlyColumn) {
 }
 
 TEST_F(SolveApi, RSaveHoldsTheLastRightHandSideWhileRIsUnknown) {
-  tri::System s = tri::Make_System(30, tri::Shape::Lower, 17);
-  ASSERT_EQ(tri::Factor(s.c, s.c.basis), 0);
+  luc::Triangular s = luc::Make_Triangular(30, luc::Shape::Lower, 17);
+  ASSERT_EQ(luc::Factor(s.c, s.c.basis), 0);
   ASSERT_FALSE(vlu::Iface().rKnown);
   std::vector<double> sol(61);
   for (uint64_t seed : {1, 2}) {
@@ -92,7 +92,7 @@ TEST_F(SolveApi, RSaveHoldsTheLastRightHandSideWhileRIsUnknown) {
   // Once r is known, solves leave rSave alone.
   s.c.r.assign(30, 0.0);
   s.c.hasR = true;
-  ASSERT_EQ(tri::Factor(s.c, s.c.basis), 0);
+  ASSERT_EQ(luc::Factor(s.c, s.c.basis), 0);
   ASSERT_TRUE(vlu::Iface().rKnown);
   const std::vector<double> b = Random_Rhs(30, 3);
   vlu_solve(sol.data(), b.data());

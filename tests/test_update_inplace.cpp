@@ -2,7 +2,7 @@
 // call, spikes of length one and longer than the old column, the cache of
 // the leaving position, each failure end (pivot too small, U-factor too
 // large, memory through injected allocation failures), the debug checks, and
-// the storage routines (compressions, growth, removal of small elements).
+// the removal of small elements from the L-file.
 #include <functional>
 
 #include "factor/factor.h"
@@ -10,53 +10,37 @@
 #include "runtime/messages.h"
 #include "runtime/records.h"
 #include "support/lu_check.h"
-#include "support/update_support.h"
-#include "triangular_support.h"
 #include "update/update.h"
 
 namespace {
 
 using Entries = std::vector<std::pair<int, double>>;
 
-// A case from its matrix columns and the list of basic columns (numbering
-// 1..2n+1).
-vlu_case::Case Case_Of(int n, const std::vector<Entries> &cols, const std::vector<int> &basic) {
-  vlu_case::Case c;
-  c.name = "hand-made";
-  c.n = n;
-  c.colStart.push_back(1);
-  for (int j = 1; j <= n; ++j) {
-    for (const auto &e : cols[size_t(j - 1)]) {
-      c.rowIdx.push_back(e.first);
-      c.colIdx.push_back(j);
-      c.val.push_back(e.second);
-    }
-    c.colStart.push_back(static_cast<int>(c.val.size()) + 1);
-  }
-  c.nz = static_cast<int>(c.val.size());
-  c.basis.assign(size_t(2 * n + 1), 0);
+// A case from its matrix columns and the list of basic columns (1..2n+1).
+luc::Problem Case_Of(int n, const luc::Cols &cols, const std::vector<int> &basic) {
+  luc::Problem c = luc::From_Columns(n, cols);
   for (int j : basic) c.basis[size_t(j - 1)] = 2;
   return c;
+}
+std::vector<int> Slacks(int n) {
+  std::vector<int> b;
+  for (int i = 1; i <= n; ++i) b.push_back(n + 1 + i);
+  return b;
 }
 
 class InPlace : public luc::ApiTest {
  protected:
-  vlu_case::Case c;
+  luc::Problem c;
   std::vector<int> stat;
 
   // With the default limit the L-file of a small basis is capped below the
   // room that the limit test asks for (the cap takes the limit times n in
   // 32 bits), so these tests set a limit of their own.
-  void Factor(const vlu_case::Case &cs, int limit = 1000) {
+  void Factor(const luc::Problem &cs, int limit = 1000) {
     c = cs;
     stat = c.basis;
     vlu_setupdatelimit(&limit);
-    ASSERT_EQ(tri::Factor(c, stat), 0);
-  }
-  // Sends what is pending, then looks for the text among the lines so far.
-  bool Said(const std::string &text) {
-    if (Env() != nullptr) vlu::Msg_Flush(Env());
-    return msgs.Has(text);
+    ASSERT_EQ(luc::Factor(c, stat), 0);
   }
   // A change through the exported call; the caller's status follows.
   int Update(int q, int l, int force = 0) {
@@ -64,9 +48,9 @@ class InPlace : public luc::ApiTest {
     stat[size_t(l - 1)] = 0;
     return vlu_update(stat.data(), &q, &l, &force);
   }
-  double Residual() { return tri::Solve_Residual(c, stat, std::vector<double>(size_t(c.n), 1.0)); }
-  // The road of vlu_update without its refactorization: for changes whose
-  // failure would need a factorization that this build cannot make.
+  double Residual() { return luc::Solve_Residual(c, stat, std::vector<double>(size_t(c.n), 1.0)); }
+  // The road of vlu_update without the refactorization that follows a
+  // failure, so that the state the failed update left can be looked at.
   bool Direct_Update(int q, int l) {
     stat[size_t(q - 1)] = 2;
     stat[size_t(l - 1)] = 0;
@@ -88,15 +72,13 @@ class InPlace : public luc::ApiTest {
 };
 
 // Upper bidiagonal: column j has its pivot in row j and a 1 in row j - 1.
-vlu_case::Case Upper_Bidiagonal(int n, double pivot2 = 3.0) {
-  std::vector<Entries> cols(static_cast<size_t>(n));
+luc::Problem Upper_Bidiagonal(int n) {
+  luc::Cols cols(static_cast<size_t>(n));
   for (int j = 1; j <= n; ++j) {
     if (j > 1) cols[size_t(j - 1)].push_back({j - 1, 1.0});
-    cols[size_t(j - 1)].push_back({j, j == 2 ? pivot2 : 1.0 + j});
+    cols[size_t(j - 1)].push_back({j, j == 2 ? 3.0 : 1.0 + j});
   }
-  std::vector<int> basic;
-  for (int j = 1; j <= n; ++j) basic.push_back(j);
-  return Case_Of(n, cols, basic);
+  return luc::From_Columns(n, cols, true);
 }
 
 // ---------------------------------------------------------------------------
@@ -115,7 +97,7 @@ TEST_F(InPlace, FirstUpdateCleansUAndARefactorizationInsideUpdateDoesNot) {
   EXPECT_TRUE(Env()->Vim->UL_Cleaned);
   EXPECT_EQ(Tiny_In_U(1e-20), 0);
   EXPECT_EQ(Env()->Luf->U_numele, before - 1);
-  EXPECT_TRUE(upd::Check_Updated_Factors(Env()));
+  EXPECT_TRUE(luc::Check_Updated_Factors(Env()));
   // A forced refactorization brings the element back and leaves the flag.
   ASSERT_EQ(Update(4, 9, 1), 1);
   EXPECT_TRUE(Env()->Vim->UL_Cleaned);
@@ -140,7 +122,7 @@ TEST_F(InPlace, SpikeOfLengthOneEndsOnTheDiagonal) {
   EXPECT_EQ(vim->Cbto[vim->Rotn[3]], 9);
   EXPECT_EQ(vim->Rwcl[3], 9);
   EXPECT_EQ(Env()->Luf->Clen[cnto[2]], 1);
-  EXPECT_TRUE(upd::Check_Updated_Factors(Env()));
+  EXPECT_TRUE(luc::Check_Updated_Factors(Env()));
   EXPECT_LT(Residual(), 1e-15);
 }
 
@@ -162,7 +144,7 @@ TEST_F(InPlace, SpikeLongerThanTheOldColumnMovesAndAShorterOneLeavesFreeSlots) {
   EXPECT_EQ(luf->Clen[c1], 4);
   EXPECT_EQ(luf->Cstr[c1], luf->ColFileUsed) << "written at the low end of the file";
   EXPECT_TRUE(luf->ColFileUsed < used0 || luf->ColUSpace > space0);
-  EXPECT_TRUE(upd::Check_Updated_Factors(Env()));
+  EXPECT_TRUE(luc::Check_Updated_Factors(Env()));
   EXPECT_LT(Residual(), 1e-15);
 
   // Back to the slack: one element in the four slots, three left free.
@@ -171,7 +153,7 @@ TEST_F(InPlace, SpikeLongerThanTheOldColumnMovesAndAShorterOneLeavesFreeSlots) {
   EXPECT_EQ(luf->Cstr[c1], start) << "a shorter spike stays in place";
   EXPECT_EQ(luf->Clen[c1], 1);
   for (int32_t q = start + 1; q < start + 4; ++q) EXPECT_EQ(luf->Ir[q], 0) << "slot " << q;
-  EXPECT_TRUE(upd::Check_Updated_Factors(Env()));
+  EXPECT_TRUE(luc::Check_Updated_Factors(Env()));
 
   // A compression takes the free slots back.
   bool error = true;
@@ -180,7 +162,7 @@ TEST_F(InPlace, SpikeLongerThanTheOldColumnMovesAndAShorterOneLeavesFreeSlots) {
   EXPECT_FALSE(error);
   EXPECT_GE(luf->ColFileUsed - luf->ColUSpace, usedBefore + 3 - spaceBefore);
   EXPECT_EQ(luf->ColUSpace - luf->ColFileUsed + 1, luf->U_numele) << "packed against the top";
-  EXPECT_TRUE(upd::Check_Updated_Factors(Env()));
+  EXPECT_TRUE(luc::Check_Updated_Factors(Env()));
   EXPECT_LT(Residual(), 1e-15);
 }
 
@@ -196,12 +178,12 @@ TEST_F(InPlace, SameLeavingPositionTwiceUsesTheCache) {
   ASSERT_EQ(Update(3, 6 + 3), 2);
   EXPECT_EQ(vim->IndxCr, pos);
   EXPECT_EQ(vim->Rwcl[3], 3);
-  EXPECT_TRUE(upd::Check_Updated_Factors(Env()));
+  EXPECT_TRUE(luc::Check_Updated_Factors(Env()));
   EXPECT_LT(Residual(), 1e-15);
   // Another position leaves: the stale cache costs only the search.
   ASSERT_EQ(Update(6 + 5, 5), 2);
   EXPECT_EQ(vim->IndxCr, vim->Rotn[5]);
-  EXPECT_TRUE(upd::Check_Updated_Factors(Env()));
+  EXPECT_TRUE(luc::Check_Updated_Factors(Env()));
   EXPECT_LT(Residual(), 1e-15);
   // The map from model column to row is checked before use: a wrong entry
   // costs a search and a refill, never a wrong row.
@@ -211,15 +193,15 @@ TEST_F(InPlace, SameLeavingPositionTwiceUsesTheCache) {
   ASSERT_EQ(Update(6 + 4, 4), 2);
   EXPECT_EQ(vim->IndxCr, vim->Rotn[4]);
   EXPECT_EQ(vim->Clrw[10], 4);
-  EXPECT_TRUE(upd::Check_Updated_Factors(Env()));
+  EXPECT_TRUE(luc::Check_Updated_Factors(Env()));
   EXPECT_LT(Residual(), 1e-15);
 }
 
 TEST_F(InPlace, UpdatesAgreeWithRefactorization) {
   // Triangular walks of both shapes; after every change the updated factors
   // solve as a fresh factorization does.
-  for (const tri::Shape shape : {tri::Shape::Lower, tri::Shape::Upper}) {
-    const tri::System s = tri::Make_System(60, shape, 31, true, 0.4);
+  for (const luc::Shape shape : {luc::Shape::Lower, luc::Shape::Upper}) {
+    const luc::Triangular s = luc::Make_Triangular(60, shape, 31, true, 0.4);
     Factor(s.c);
     Env()->Debug_Upd = 1;
     std::mt19937_64 gen(5);
@@ -228,15 +210,15 @@ TEST_F(InPlace, UpdatesAgreeWithRefactorization) {
     int updates = 0;
     for (int t = 0; t < 150; ++t) {
       int q, l;
-      tri::Swap_At(s, stat, 1 + static_cast<int>(gen() % 60), q, l);
-      const int rc = tri::Change(c, stat, q, l);
+      luc::Swap_At(s, stat, 1 + static_cast<int>(gen() % 60), q, l);
+      const int rc = luc::Change(c, stat, q, l);
       ASSERT_TRUE(rc == 1 || rc == 2);
       updates += rc == 2;
       for (double &v : b) v = uni(gen);
       std::vector<double> x, y;
-      tri::Solve_Residual(c, stat, b, &x);
-      ASSERT_TRUE(upd::Fresh_Solve(c, stat, b, y));
-      EXPECT_LE(upd::Rel_Diff(stat, x, y), 1e-13) << "after change " << t;
+      luc::Solve_Residual(c, stat, b, &x);
+      ASSERT_TRUE(luc::Fresh_Solve(c, stat, b, y));
+      EXPECT_LE(luc::Rel_Diff(stat, x, y), 1e-13) << "after change " << t;
     }
     EXPECT_GT(updates, 100);
   }
@@ -244,90 +226,75 @@ TEST_F(InPlace, UpdatesAgreeWithRefactorization) {
 
 // ---------------------------------------------------------------------------
 // Failure ends.  Each ends the update with nothing rolled back; vlu_update
-// refactorizes, and the caller sees 1 (or 3 for a singular basis).
+// then refactorizes, and the caller sees 1 (or 3 for a singular basis).  The
+// update is also driven directly, to see the state the failure leaves: no
+// exception, the work vectors clear.  Pivmin is max(Rtpiva, sqrt(Min_Pivot
+// Rtpiva)) = 1e-5 for these bases.
 
-TEST_F(InPlace, PivotTooSmallWhenTheSpikeDropsEntirely) {
-  // Column 1 holds only entries below Tol_Zero: nothing is left of the
-  // spike.  The new basis is singular, which only the bump elimination
-  // reports, so the update is driven directly.
-  Factor(Case_Of(3, {{{1, 1e-21}, {2, -1e-21}}, {}, {}}, {5, 6, 7}));
-  Env()->Trace_Upd = 1;
-  EXPECT_FALSE(Direct_Update(1, 5));
-  EXPECT_EQ(Env()->Vim->Upd_Fail_Pivot, 1);
-  EXPECT_TRUE(Said("Failure in Update_Inverse. Pivot too small.")) << msgs.All();
-  EXPECT_TRUE(Said("Updating the incoming column, Length=0")) << msgs.All();
-  EXPECT_EQ(Env()->Exception, 0);
-  if (tri::Bump_Supported()) {
-    Factor(c);
-    EXPECT_EQ(Update(1, 5), 3);
-    EXPECT_EQ(vlu_getnumsing(), 1);
-  }
-}
-
-TEST_F(InPlace, PivotTooSmallAtEachTestOfThePermutationStage) {
-  // Pivmin is max(Rtpiva, sqrt(Min_Pivot Rtpiva)) = 1e-5 for these bases.
-  struct Case {
-    const char *message;
-    vlu_case::Case cs;
-    int q, l;
-  };
-  const int n = 4;
-  std::vector<int> slacks;
-  for (int i = 1; i <= n; ++i) slacks.push_back(n + 1 + i);
-  const Case cases[] = {
+TEST_F(InPlace, EachFailureEndIsTracedCountedAndRefactorized) {
+  const luc::Cols uLarge = {{{1, 2.0}},           {{1, 1.0}, {2, 1e-3}}, {{2, 1.0}, {3, 4.0}},
+                            {{3, 1.0}, {4, 5.0}}, {{2, 1e13}, {4, 1.0}}};
+  const struct {
+    const char *name;
+    luc::Problem cs;
+    int q, l, result;  // result of vlu_update
+    std::vector<const char *> trace;
+    int32_t vlu::VIM::*counter;
+  } ends[] = {
+      // Column 1 holds only entries below Tol_Zero: nothing is left of the
+      // spike, and the new basis is singular.
+      {"spike drops entirely", Case_Of(3, {{{1, 1e-21}, {2, -1e-21}}, {}, {}}, Slacks(3)), 1, 5, 3,
+       {"Failure in Update_Inverse. Pivot too small.", "Updating the incoming column, Length=0"},
+       &vlu::VIM::Upd_Fail_Pivot},
       // The spike ends on the diagonal with 1e-7.
-      {"Diagonal spike singular.", Case_Of(n, {{{1, 1e-7}}, {}, {}, {}}, slacks), 1, n + 2},
+      {"diagonal spike", Case_Of(4, {{{1, 1e-7}}, {}, {}, {}}, Slacks(4)), 1, 6, 1,
+       {"Diagonal spike singular.", "Failure in Update_Inverse. Pivot too small."},
+       &vlu::VIM::Upd_Fail_Pivot},
       // The spike reaches row 3 too, but the sweeps leave one position whose
       // column singleton is 1e-7.
-      {"Hessenberg switch singular.", Case_Of(n, {{{1, 1e-7}, {3, 1.0}}, {}, {}, {}}, slacks), 1,
-       n + 2},
+      {"Hessenberg switch", Case_Of(4, {{{1, 1e-7}, {3, 1.0}}, {}, {}, {}}, Slacks(4)), 1, 6, 1,
+       {"Hessenberg switch singular.", "Failure in Update_Inverse. Pivot too small."},
+       &vlu::VIM::Upd_Fail_Pivot},
+      // Basis [e1, (1,1,0), e3]; column 3 = (1 + 1e-7, 1, 0) replaces e1 and
+      // the row elimination leaves 1e-7 as last pivot.
+      {"row elimination",
+       Case_Of(3, {{{1, 1.0}}, {{1, 1.0}, {2, 1.0}}, {{1, 1.0 + 1e-7}, {2, 1.0}}}, {1, 2, 7}), 3, 1,
+       1, {"3: Pivot=", "Failure in Update_Inverse. Pivot too small."}, &vlu::VIM::Upd_Fail_Pivot},
+      // Row 2 has the pivot 1e-3; column 5 puts 1e13 into it, a ratio of 1e16
+      // to the pivot of its row, above Uumax = max(2 Max_UFac, 2^52).
+      {"U-factor too large", Case_Of(5, uLarge, {1, 2, 3, 4, 11}), 5, 4, 1,
+       {"Position 1: Umax=", "Failure in Update_Inverse. U-factor too large."},
+       &vlu::VIM::Upd_Fail_U_Large},
   };
-  for (const Case &k : cases) {
-    SCOPED_TRACE(k.message);
-    Factor(k.cs);
-    Env()->Trace_Upd = 1;
-    msgs.lines.clear();
-    EXPECT_EQ(Update(k.q, k.l), 1) << "a triangular basis refactorizes";
-    EXPECT_EQ(Env()->Vim->Upd_Fail_Pivot, 1);
-    EXPECT_TRUE(Said(k.message)) << msgs.All();
-    EXPECT_TRUE(Said("Failure in Update_Inverse. Pivot too small.")) << msgs.All();
-    EXPECT_LT(Residual(), 1e-12);
+  for (const auto &e : ends) {
+    SCOPED_TRACE(e.name);
+    for (const bool direct : {true, false}) {
+      Restart();
+      Factor(e.cs);
+      Env()->Trace_Upd = 1;
+      msgs.lines.clear();
+      if (direct) {
+        EXPECT_FALSE(Direct_Update(e.q, e.l));
+        EXPECT_EQ(Env()->Exception, 0);
+        EXPECT_EQ(Env()->Vim->*e.counter, 1);
+        for (const char *t : e.trace) EXPECT_TRUE(Said(t)) << t << "\n" << msgs.All();
+        for (int i = 1; i <= c.n + 1; ++i)
+          ASSERT_TRUE(Env()->Vim->WorkZ[i] == 0.0 && Env()->Vim->HelpZ[i] == 0) << i;
+        continue;
+      }
+      EXPECT_EQ(Update(e.q, e.l), e.result);
+      int f, u, r;
+      vlu_getstats(&f, &u, &r);
+      EXPECT_EQ(u, 0);
+      if (e.result == 3) {
+        EXPECT_EQ(vlu_getnumsing(), 1);
+        continue;
+      }
+      EXPECT_EQ(r, 1);
+      EXPECT_EQ(Env()->Vim->*e.counter, 1);
+      EXPECT_LT(Residual(), 1e-12);
+    }
   }
-}
-
-TEST_F(InPlace, PivotTooSmallInTheRowElimination) {
-  // Basis [e1, (1,1,0), e3]; column 3 = (1 + 1e-7, 1, 0) replaces e1 and the
-  // elimination leaves 1e-7 as last pivot.  The new basis has a bump, so the
-  // update is driven directly and looked at before any refactorization.
-  Factor(Case_Of(3, {{{1, 1.0}}, {{1, 1.0}, {2, 1.0}}, {{1, 1.0 + 1e-7}, {2, 1.0}}}, {1, 2, 7}));
-  Env()->Trace_Upd = 1;
-  EXPECT_FALSE(Direct_Update(3, 1));
-  EXPECT_TRUE(Said("3: Pivot=")) << msgs.All();
-  EXPECT_TRUE(Said("Failure in Update_Inverse. Pivot too small.")) << msgs.All();
-  EXPECT_EQ(Env()->Vim->Upd_Fail_Pivot, 1);
-  EXPECT_EQ(Env()->Exception, 0);
-  for (int i = 1; i <= c.n + 1; ++i) {
-    EXPECT_EQ(Env()->Vim->WorkZ[i], 0.0) << "WorkZ " << i;
-    EXPECT_EQ(Env()->Vim->HelpZ[i], 0) << "HelpZ " << i;
-  }
-}
-
-TEST_F(InPlace, UFactorTooLarge) {
-  // Row 2 has the pivot 1e-3; column 5 puts 1e13 into it, a ratio of 1e16
-  // to the pivot of its row, above Uumax = max(2 Max_UFac, 2^52).
-  std::vector<Entries> cols = {{{1, 2.0}},           {{1, 1.0}, {2, 1e-3}}, {{2, 1.0}, {3, 4.0}},
-                               {{3, 1.0}, {4, 5.0}}, {{2, 1e13}, {4, 1.0}}};
-  Factor(Case_Of(5, cols, {1, 2, 3, 4, 11}));
-  Env()->Trace_Upd = 1;
-  EXPECT_EQ(Update(5, 4), 1) << "the basis is triangular: the refactorization takes over";
-  EXPECT_EQ(Env()->Vim->Upd_Fail_U_Large, 1);
-  EXPECT_TRUE(Said("Position 1: Umax=")) << msgs.All();
-  EXPECT_TRUE(Said("Failure in Update_Inverse. U-factor too large.")) << msgs.All();
-  int f, u, r;
-  vlu_getstats(&f, &u, &r);
-  EXPECT_EQ(u, 0);
-  EXPECT_EQ(r, 1);
-  EXPECT_LT(Residual(), 1e-12);
 }
 
 // ---------------------------------------------------------------------------
@@ -336,44 +303,20 @@ TEST_F(InPlace, UFactorTooLarge) {
 // (the update goes on) or ends the update with the memory failure, and then
 // vlu_update refactorizes; every run ends with the memory in balance.
 
-// A random sparse n x n matrix, `perCol` entries a column, slack basis.
-vlu_case::Case Random_Sparse(int n, int perCol, uint64_t seed) {
-  std::mt19937_64 gen(seed);
-  std::uniform_real_distribution<double> uni(0.0, 1.0);
-  std::vector<Entries> cols(static_cast<size_t>(n));
-  for (auto &col : cols) {
-    std::vector<int> rows;
-    while (static_cast<int>(rows.size()) < perCol) {
-      const int r = 1 + static_cast<int>(gen() % static_cast<uint64_t>(n));
-      if (std::find(rows.begin(), rows.end(), r) == rows.end()) rows.push_back(r);
-    }
-    std::sort(rows.begin(), rows.end());
-    for (int r : rows) col.push_back({r, (uni(gen) < 0.5 ? -1.0 : 1.0) * (0.5 + 1.5 * uni(gen))});
-  }
-  std::vector<int> basic;
-  for (int i = 1; i <= n; ++i) basic.push_back(n + 1 + i);
-  return Case_Of(n, cols, basic);
-}
-
 struct Walk_Run {
   std::vector<std::pair<int64_t, int64_t>> updateAllocs;  // allocation numbers inside updates
   int updates = 0, restarts = 0, memoryEnds = 0;
-  upd::Stats stats;
+  luc::Stats stats;
 };
 
 class Injection : public InPlace {
  protected:
-  void Restart() {
-    vlu_destroy();
-    EXPECT_FALSE(Said("not in balance")) << "memory out of balance at vlu_destroy";
-    ASSERT_EQ(vlu_create(), 0);
-  }
   int64_t Count() const { return vlu::Test_Alloc_Count; }
 
   // Through vlu_update: changes at random positions of a triangular system,
   // so that every refactorization is possible.  failAt: the allocation to
   // fail, counted from the factorization's end; 0 for none.
-  Walk_Run Triangular_Walk(const tri::System &sys, int steps, int64_t failAt) {
+  Walk_Run Triangular_Walk(const luc::Triangular &sys, int steps, int64_t failAt) {
     Walk_Run w;
     Restart();
     Factor(sys.c);
@@ -382,9 +325,9 @@ class Injection : public InPlace {
     std::mt19937_64 gen(11);
     for (int t = 0; t < steps; ++t) {
       int q, l;
-      tri::Swap_At(sys, stat, 1 + static_cast<int>(gen() % static_cast<uint64_t>(c.n)), q, l);
+      luc::Swap_At(sys, stat, 1 + static_cast<int>(gen() % static_cast<uint64_t>(c.n)), q, l);
       const int64_t before = Count() - base;
-      const int rc = tri::Change(c, stat, q, l);
+      const int rc = luc::Change(c, stat, q, l);
       EXPECT_TRUE(rc == 1 || rc == 2) << "change " << t << " result " << rc;
       if (rc == 2) {
         ++w.updates;
@@ -403,7 +346,7 @@ class Injection : public InPlace {
   // Updates driven directly over bases with a bump, the limit test left out
   // so that the L-file and LUF%Lstr must grow; after a failure the walk
   // starts over from the slack basis.
-  Walk_Run Free_Walk(const vlu_case::Case &cs, int steps, int64_t failAt) {
+  Walk_Run Free_Walk(const luc::Problem &cs, int steps, int64_t failAt) {
     Walk_Run w;
     Restart();
     Factor(cs);
@@ -413,14 +356,14 @@ class Injection : public InPlace {
     std::vector<double> b(static_cast<size_t>(cs.n), 1.0);
     for (int t = 0; t < steps; ++t) {
       int q, l;
-      if (!upd::Random_Change(c, stat, gen, false, q, l)) break;
+      if (!luc::Random_Change(c, stat, gen, false, q, l)) break;
       const int64_t before = Count();
       const bool ok = Direct_Update(q, l);
       w.updateAllocs.emplace_back(before - base, Count() - base);
       EXPECT_EQ(Env()->Exception, 0);
       if (ok) {
         ++w.updates;
-        EXPECT_LT(tri::Solve_Residual(c, stat, b), 1e-10) << "after change " << t;
+        EXPECT_LT(luc::Solve_Residual(c, stat, b), 1e-10) << "after change " << t;
         continue;
       }
       // Start over; the allocations of the factorization are not counted.
@@ -438,16 +381,11 @@ class Injection : public InPlace {
     w.stats.Add(Env());
     return w;
   }
-
-  void TearDown() override {
-    vlu::Test_Alloc_Fail_At = 0;
-    InPlace::TearDown();
-  }
 };
 
 TEST_F(Injection, MemoryFailureAtEachAllocationOfTheUpdates) {
-  const tri::System sys = tri::Make_System(60, tri::Shape::Lower, 77, true, 1.0);
-  const vlu_case::Case sparse = Random_Sparse(8, 3, 5);
+  const luc::Triangular sys = luc::Make_Triangular(60, luc::Shape::Lower, 77, true, 1.0);
+  const luc::Problem sparse = luc::Random_Sparse(8, 3, 5);
   struct Scenario {
     const char *name;
     std::function<Walk_Run(int64_t)> run;
@@ -484,19 +422,13 @@ TEST_F(Injection, MemoryFailureAtEachAllocationOfTheUpdates) {
 }
 
 // ---------------------------------------------------------------------------
-// Storage routines on factors laid out by hand.
+// Removal of small elements from the L-file.  (The compressions and growths
+// of the U files are driven by the long walks, which bound the sizes of the
+// files, and fail at every allocation in the runs above.)
 
 class UpdateStorage : public luc::EnvTest {
  protected:
-  struct Line {
-    std::vector<int32_t> idx;
-    std::vector<double> val;
-    bool operator==(const Line &o) const { return idx == o.idx && val == o.val; }
-  };
-  std::vector<Line> cols, rows;
-
-  // Upper bidiagonal 6 x 6 (11 elements), factorized, both copies read out,
-  // the vectors grown so that any layout below 64 slots fits.
+  // Upper bidiagonal 6 x 6, factorized.
   void SetUp() override {
     luc::EnvTest::SetUp();
     luc::Cols cs(6);
@@ -508,164 +440,8 @@ class UpdateStorage : public luc::EnvTest {
     vlu::LUFactor(env);
     vlu::CreateColumnU(env);
     ASSERT_EQ(env->Exception, 0);
-    vlu::Increase_Ucmat(env, 64, true);
-    if (vlu::Size(env->Luf->Ic) < 64) vlu::Increase_Int(env, env->Luf->Ic, "LUF%Ic", 64);
-    if (vlu::Size(env->Vim->AUrmat) < 64) vlu::Increase_RVec(env, env->Vim->AUrmat, 64);
-    ASSERT_TRUE(env->EnoughSpace);
-    const vlu::LUF *luf = env->Luf;
-    for (int c = 1; c <= 6; ++c) {
-      Line l;
-      for (int q = luf->Cstr[c]; q < luf->Cstr[c] + luf->Clen[c]; ++q)
-        l.idx.push_back(luf->Ir[q]), l.val.push_back(luf->Ucmat[q]);
-      cols.push_back(l);
-    }
-    for (int r = 1; r <= 6; ++r) {
-      Line l;
-      for (int j = luf->Rstr[r]; j < luf->Rstr[r] + luf->Rlen[r]; ++j)
-        l.idx.push_back(luf->Ic[j]), l.val.push_back(env->Vim->AUrmat[j]);
-      rows.push_back(l);
-    }
-  }
-  // Places line k at starts[k] in a file of `space` slots, the rest free.
-  void Lay_Out(bool byColumn, int32_t space, const std::vector<int32_t> &starts) {
-    vlu::LUF *luf = env->Luf;
-    int32_t *idx = byColumn ? luf->Ir.V : luf->Ic.V;
-    double *val = byColumn ? luf->Ucmat.Val : env->Vim->AUrmat.Val;
-    int32_t *str = byColumn ? luf->Cstr.V : luf->Rstr.V;
-    const std::vector<Line> &lines = byColumn ? cols : rows;
-    for (int32_t q = 1; q <= space; ++q) idx[q] = 0;
-    int32_t first = space + 1;
-    for (size_t k = 0; k < lines.size(); ++k) {
-      str[k + 1] = starts[k];
-      first = std::min(first, starts[k]);
-      for (size_t e = 0; e < lines[k].idx.size(); ++e) {
-        idx[starts[k] + int32_t(e)] = lines[k].idx[e];
-        val[starts[k] + int32_t(e)] = lines[k].val[e];
-      }
-    }
-    (byColumn ? luf->ColUSpace : luf->RowUSpace) = space;
-    (byColumn ? luf->ColFileUsed : luf->RowFileUsed) = first;
-  }
-  // The lines as they stand now, each the same as before, the file packed
-  // against its top with everything below it free.
-  ::testing::AssertionResult Packed(bool byColumn) {
-    const vlu::LUF *luf = env->Luf;
-    const int32_t *idx = byColumn ? luf->Ir.V : luf->Ic.V;
-    const double *val = byColumn ? luf->Ucmat.Val : env->Vim->AUrmat.Val;
-    const int32_t *str = byColumn ? luf->Cstr.V : luf->Rstr.V;
-    const int32_t *len = byColumn ? luf->Clen.V : luf->Rlen.V;
-    const std::vector<Line> &lines = byColumn ? cols : rows;
-    const int32_t space = byColumn ? luf->ColUSpace : luf->RowUSpace;
-    const int32_t used = byColumn ? luf->ColFileUsed : luf->RowFileUsed;
-    if (space - used + 1 != 11) return ::testing::AssertionFailure() << "not packed: " << used << ".." << space;
-    for (int32_t q = 1; q < used; ++q)
-      if (idx[q] != 0) return ::testing::AssertionFailure() << "slot " << q << " below the file in use";
-    for (size_t k = 0; k < lines.size(); ++k) {
-      Line l;
-      for (int32_t q = str[k + 1]; q < str[k + 1] + len[k + 1]; ++q) l.idx.push_back(idx[q]), l.val.push_back(val[q]);
-      if (!(l == lines[k])) return ::testing::AssertionFailure() << "line " << k + 1 << " changed";
-    }
-    return ::testing::AssertionSuccess();
   }
 };
-
-TEST_F(UpdateStorage, CompressionPacksAndDoublesWhenHalfOrMoreIsUsed) {
-  // 11 elements: columns of lengths 1, 2, 2, 2, 2, 2.
-  for (const bool byColumn : {true, false}) {
-    SCOPED_TRACE(byColumn ? "columns" : "rows");
-    vlu::VIM *vim = env->Vim;
-    const int growBefore = byColumn ? vim->Upd_Grow_Col : vim->Upd_Grow_Row;
-    auto compress = [&](int32_t required) {
-      bool error = false;
-      if (byColumn)
-        vlu::Update_CompressColumn(env, required, error);
-      else
-        vlu::Update_CompressRow(env, required);
-      return error;
-    };
-    auto space = [&]() { return byColumn ? env->Luf->ColUSpace : env->Luf->RowUSpace; };
-    // Lines one after the other, the last ending at `top`, `gap` free slots
-    // behind each.
-    auto starts = [&](int32_t top, int32_t gap) {
-      const std::vector<Line> &lines = byColumn ? cols : rows;
-      std::vector<int32_t> st(lines.size());
-      int32_t pos = top + 1;
-      for (size_t k = lines.size(); k-- > 0;) {
-        pos -= static_cast<int32_t>(lines[k].idx.size()) + (k + 1 < lines.size() ? gap : 0);
-        st[k] = pos;
-      }
-      return st;
-    };
-    // Spread over 40 slots: packed to the top, 29 free > 11 used, no growth.
-    Lay_Out(byColumn, 40, starts(37, 4));
-    EXPECT_FALSE(compress(1));
-    EXPECT_EQ(space(), 40);
-    EXPECT_TRUE(Packed(byColumn));
-    // 23 slots: 12 free after compression, more than the 11 in use.
-    Lay_Out(byColumn, 23, starts(23, 0));
-    EXPECT_FALSE(compress(1));
-    EXPECT_EQ(space(), 23);
-    EXPECT_TRUE(Packed(byColumn));
-    EXPECT_EQ(byColumn ? vim->Upd_Grow_Col : vim->Upd_Grow_Row, growBefore);
-    // 22 slots: exactly half free after compression, so the file doubles and
-    // moves to the new top, the free room again at the low end.
-    Lay_Out(byColumn, 22, starts(22, 0));
-    EXPECT_FALSE(compress(1));
-    EXPECT_GE(space(), 44);
-    EXPECT_TRUE(Packed(byColumn));
-    EXPECT_EQ(byColumn ? vim->Upd_Grow_Col : vim->Upd_Grow_Row, growBefore + 1);
-  }
-  EXPECT_EQ(env->Exception, 0);
-  EXPECT_EQ(env->MemoryMode, 1);
-  EXPECT_TRUE(env->EnoughSpace);
-}
-
-TEST_F(UpdateStorage, FullColumnFileWhoseGrowthFails) {
-  env->Trace_Upd = 2;
-  // Nothing free and nothing to drop: the growth is the only way, and it
-  // fails; the compressed file stands and the caller learns of it.
-  Lay_Out(true, 11, {1, 2, 4, 6, 8, 10});
-  vlu::Test_Alloc_Fail_At = vlu::Test_Alloc_Count + 1;
-  bool error = false;
-  vlu::Update_CompressColumn(env, 1, error);
-  EXPECT_EQ(vlu::Test_Alloc_Fail_At, 0) << "no allocation was asked for";
-  EXPECT_TRUE(error);
-  EXPECT_EQ(env->Luf->ColUSpace, 11);
-  EXPECT_TRUE(Packed(true));
-  EXPECT_TRUE(env->EnoughSpace);
-  EXPECT_EQ(env->MemoryMode, 1);
-  EXPECT_EQ(env->Exception, 0);
-  vlu::Msg_Flush(env);
-  EXPECT_TRUE(msgs.Has("Insufficient memory after Compressing columns.")) << msgs.All();
-  // Without the injected failure the file doubles.
-  vlu::Update_CompressColumn(env, 1, error);
-  EXPECT_FALSE(error);
-  EXPECT_GE(env->Luf->ColUSpace, 22);
-  EXPECT_TRUE(Packed(true));
-}
-
-TEST_F(UpdateStorage, RowFileGrowthThatFails) {
-  // The row file at the true top of its vectors; a requirement above the
-  // free room forces the growth, which fails: the packed file stands.
-  const int32_t top = std::min(vlu::Size(env->Luf->Ic), vlu::Size(env->Vim->AUrmat));
-  std::vector<int32_t> st(6);
-  int32_t pos = top + 1;
-  for (size_t k = 6; k-- > 0;) st[k] = pos -= static_cast<int32_t>(rows[k].idx.size()) + 1;
-  Lay_Out(false, top, st);
-  vlu::Test_Alloc_Fail_At = vlu::Test_Alloc_Count + 1;
-  vlu::Update_CompressRow(env, top);
-  EXPECT_EQ(vlu::Test_Alloc_Fail_At, 0) << "no allocation was asked for";
-  EXPECT_EQ(env->Luf->RowUSpace, top);
-  EXPECT_TRUE(Packed(false));
-  EXPECT_TRUE(env->EnoughSpace);
-  EXPECT_EQ(env->MemoryMode, 1);
-  EXPECT_EQ(env->Exception, 0);
-  EXPECT_EQ(env->Vim->Upd_Grow_Row, 0);
-  vlu::Update_CompressRow(env, top);
-  EXPECT_GE(env->Luf->RowUSpace, 2 * top);
-  EXPECT_TRUE(Packed(false));
-  EXPECT_EQ(env->Vim->Upd_Grow_Row, 1);
-}
 
 TEST_F(UpdateStorage, SmallElementsLeaveTheLFile) {
   // Three L columns by hand: the second holds only a tiny multiplier.

@@ -11,12 +11,12 @@
 
 #include "interface/state.h"
 #include "runtime/records.h"
-#include "triangular_support.h"
+#include "support/lu_check.h"
 #include "update/update_inner.h"
 
 namespace {
 
-using Trims = tri::Session;
+using Trims = luc::ApiTest;
 
 struct Order {
   std::vector<int> rnto, cnto, rotn, cotn, cbto;
@@ -105,8 +105,8 @@ TEST_F(Trims, SweepsMoveThePositionsAsAPlainSweepDoes) {
   for (double slacks : {0.1, 0.6, 0.95}) {
     Restart();
     const int n = 700;
-    const tri::System s = tri::Make_System(n, tri::Shape::Upper, 4000 + int(slacks * 100), true, slacks);
-    ASSERT_EQ(tri::Factor(s.c, s.c.basis), 0);
+    const luc::Triangular s = luc::Make_Triangular(n, luc::Shape::Upper, 4000 + int(slacks * 100), true, slacks);
+    ASSERT_EQ(luc::Factor(s.c, s.c.basis), 0);
     vlu::VMI *env = vlu::Iface().env;
     vlu::VIM *v = env->Vim;
     std::mt19937_64 gen(99);

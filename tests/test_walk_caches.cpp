@@ -9,12 +9,12 @@
 #include <filesystem>
 
 #include "interface/state.h"
-#include "triangular_support.h"
+#include "support/lu_check.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using WalkCaches = tri::Session;
+using WalkCaches = luc::ApiTest;
 
 // A fingerprint of the factors in pivot order: permutations, every U row
 // with the bits of its values, the L-file.
@@ -58,7 +58,7 @@ std::vector<uint64_t> Replay(const vlu_case::Case &c, Before before, int limit,
                              int &sparseCalls) {
   vlu_setupdatelimit(&limit);
   std::vector<int> stat = c.basis;
-  EXPECT_EQ(tri::Factor(c, stat), 0);
+  EXPECT_EQ(luc::Factor(c, stat), 0);
   vlu::Iface().env->Timing = true;  // counts the calls
   std::vector<uint64_t> prints;
   std::vector<double> a(size_t(c.n)), sol(size_t(2 * c.n + 1));
@@ -126,12 +126,12 @@ TEST_F(WalkCaches, TheSpikeOfTheSolveGivesTheFactorsOfTheUpdatesOwn) {
 // forced factorization, a fresh vlu_factor) equals, bit for bit, the same
 // solve made without the base, by the plain fill and scatter.
 TEST_F(WalkCaches, TheBaseOfTheSolutionFollowsTheBasis) {
-  const tri::System sys = tri::Make_System(123, tri::Shape::Upper, 5, true, 0.3);
+  const luc::Triangular sys = luc::Make_Triangular(123, luc::Shape::Upper, 5, true, 0.3);
   const vlu_case::Case &c = sys.c;
   int limit = 5;
   vlu_setupdatelimit(&limit);
   std::vector<int> stat = c.basis;
-  ASSERT_EQ(tri::Factor(c, stat), 0);
+  ASSERT_EQ(luc::Factor(c, stat), 0);
   std::mt19937_64 gen(3);
   std::vector<double> b(size_t(c.n)), x(size_t(2 * c.n + 1)), y(size_t(2 * c.n + 1));
   vlu::IfaceState &s = vlu::Iface();
@@ -158,12 +158,12 @@ TEST_F(WalkCaches, TheBaseOfTheSolutionFollowsTheBasis) {
   for (int t = 0; t < 40; ++t) {
     compare(t);
     int q, l;
-    tri::Swap_At(sys, stat, 1 + int(gen() % uint64_t(c.n)), q, l);
-    const int rc = tri::Change(c, stat, q, l, t == 17 ? 1 : 0);
+    luc::Swap_At(sys, stat, 1 + int(gen() % uint64_t(c.n)), q, l);
+    const int rc = luc::Change(c, stat, q, l, t == 17 ? 1 : 0);
     ASSERT_TRUE(rc == 1 || rc == 2);
     (rc == 2 ? updates : refactors) += 1;
     if (t == 29) {
-      ASSERT_EQ(tri::Factor(c, stat), 0);
+      ASSERT_EQ(luc::Factor(c, stat), 0);
     }
   }
   compare(40);
@@ -191,14 +191,14 @@ TEST_F(WalkCaches, ANewFactorizationForgetsTheBaseOfTheOldOne) {
   const std::vector<double> b = {1.0, 2.0, 3.0};
   std::vector<double> fresh(7), after(7);
   std::vector<int> stat = firstColumn;
-  ASSERT_EQ(tri::Factor(c, stat), 0);
+  ASSERT_EQ(luc::Factor(c, stat), 0);
   vlu_solve(fresh.data(), b.data());
   Restart();
   stat = allSlack;
-  ASSERT_EQ(tri::Factor(c, stat), 0);
+  ASSERT_EQ(luc::Factor(c, stat), 0);
   vlu_solve(after.data(), b.data());
   stat = firstColumn;
-  ASSERT_EQ(tri::Factor(c, stat), 0);
+  ASSERT_EQ(luc::Factor(c, stat), 0);
   vlu_solve(after.data(), b.data());
   EXPECT_EQ(after[4], DBL_MAX);  // the first slack has left
   EXPECT_EQ(std::memcmp(fresh.data(), after.data(), sizeof(double) * 7), 0);
@@ -210,10 +210,10 @@ TEST_F(WalkCaches, ANewFactorizationForgetsTheBaseOfTheOldOne) {
 // rSave holds the last one bit for bit, and every solution equals the one
 // of the full copies.
 TEST_F(WalkCaches, ListedCopiesLeaveTheLastRightHandSide) {
-  const tri::System sys = tri::Make_System(300, tri::Shape::Lower, 9, true, 0.2);
+  const luc::Triangular sys = luc::Make_Triangular(300, luc::Shape::Lower, 9, true, 0.2);
   const vlu_case::Case &c = sys.c;
   std::vector<int> stat = c.basis;
-  ASSERT_EQ(tri::Factor(c, stat), 0);
+  ASSERT_EQ(luc::Factor(c, stat), 0);
   vlu::IfaceState &s = vlu::Iface();
   ASSERT_FALSE(s.rKnown);
   std::mt19937_64 gen(17);
