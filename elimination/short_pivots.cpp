@@ -320,7 +320,9 @@ void PIV_2_BY_P(Bump_State &s) {
     Make_Row_Space(s, R, nfill);
     if (Stopped(s)) return;
     for (int32_t k = 1; k <= F; ++k) {
-      if (std::fabs(-m * mm[k]) <= iin->Clmin.Val[lisc[k]]) continue;
+      // The same test as the count (a NaN fails both): every column that
+      // gets a slot gives it back below.
+      if (!(std::fabs(-m * mm[k]) > iin->Clmin.Val[lisc[k]])) continue;
       Make_Col_Space(s, lisc[k], 1);
       if (Stopped(s)) return;
     }
@@ -466,7 +468,7 @@ void PIV_P_BY_2(Bump_State &s) {
     Make_Col_Space(s, C, nfill);
     if (Stopped(s)) return;
     for (int32_t k = 1; k <= F; ++k) {
-      if (std::fabs(mm[k]) <= clminC) continue;
+      if (!(std::fabs(mm[k]) > clminC)) continue;  // as the count, NaN included
       Make_Row_Space(s, lisr[k], 1);
       if (Stopped(s)) return;
     }
