@@ -331,7 +331,7 @@ inline void Draw_Generated(Bytes &b, System &s, bool shuffle) {
         break;
       }
       case 2: {  // a few dense rows and columns over a sparse rest
-        const int wide = 1 + dens % 5;
+        const int wide = std::min(n, 1 + dens % 5);
         if (j <= wide)
           for (int i = 1; i <= n; ++i) add(j, i);
         for (int i = 1; i <= wide; ++i) add(j, i);
