@@ -289,9 +289,11 @@ void PIV_2_BY_P(Bump_State &s) {
       const double old = vim->AUrmat.Val[q];
       const double v = old - m * mm[k];
       const double mag = std::fabs(v);
-      Clmx_Changed(s, c, std::fabs(old), std::fabs(mm[k]), mag, clol[k]);
-      if (Stopped(s)) return;
+      // A result that leaves is no new maximum: Clmin may stand above Clmx
+      // once a column's largest elements have gone.
       const bool removed = mag <= iin->Clmin.Val[c];
+      Clmx_Changed(s, c, std::fabs(old), std::fabs(mm[k]), removed ? 0.0 : mag, clol[k]);
+      if (Stopped(s)) return;
       if (removed) {
         Remove_Element_From_Row(s, R, p);
         Remove_Element_From_Col(s, c, q);
@@ -320,7 +322,9 @@ void PIV_2_BY_P(Bump_State &s) {
     Make_Row_Space(s, R, nfill);
     if (Stopped(s)) return;
     for (int32_t k = 1; k <= F; ++k) {
-      if (std::fabs(-m * mm[k]) <= iin->Clmin.Val[lisc[k]]) continue;
+      // The same test as the count (a NaN fails both): every column that
+      // gets a slot gives it back below.
+      if (!(std::fabs(-m * mm[k]) > iin->Clmin.Val[lisc[k]])) continue;
       Make_Col_Space(s, lisc[k], 1);
       if (Stopped(s)) return;
     }
@@ -434,7 +438,6 @@ void PIV_P_BY_2(Bump_State &s) {
       if (k != 0) {
         const double ov = vim->AUrmat.Val[q];
         const double nv = ov + mm[k];
-        big = std::max(big, std::fabs(nv));
         old = std::max(old, std::fabs(ov));
         if (std::fabs(nv) <= iin->Clmin.Val[C]) {
           Remove_Element_From_Row(s, r, iin->C2rp.V[q]);
@@ -442,6 +445,7 @@ void PIV_P_BY_2(Bump_State &s) {
           if (Stopped(s)) return;
           removed = true;
         } else {
+          big = std::max(big, std::fabs(nv));  // only what stays can be the maximum
           vim->AUrmat.Val[q] = nv;
         }
         if (k < F) {
@@ -466,7 +470,7 @@ void PIV_P_BY_2(Bump_State &s) {
     Make_Col_Space(s, C, nfill);
     if (Stopped(s)) return;
     for (int32_t k = 1; k <= F; ++k) {
-      if (std::fabs(mm[k]) <= clminC) continue;
+      if (!(std::fabs(mm[k]) > clminC)) continue;  // as the count, NaN included
       Make_Row_Space(s, lisr[k], 1);
       if (Stopped(s)) return;
     }
@@ -585,11 +589,12 @@ void PIV_2_BY_2(Bump_State &s) {
     const double ov = vim->AUrmat.Val[q];
     const double nv = ov - m * u;
     const double mag = std::fabs(nv);
-    Clmx_Changed(s, C, std::fabs(ov), std::fabs(u), mag, cold);
-    if (Stopped(s)) return;
     const int32_t cs = luf->Cstr.V[C];
     const bool compressed = q >= cs && q < cs + luf->Clen.V[C];
-    if (mag <= iin->Clmin.Val[C] && compressed) {
+    const bool drop = mag <= iin->Clmin.Val[C] && compressed;
+    Clmx_Changed(s, C, std::fabs(ov), std::fabs(u), drop ? 0.0 : mag, cold);  // as in PIV_2_BY_P
+    if (Stopped(s)) return;
+    if (drop) {
       Remove_Element_From_Row(s, R, iin->C2rp.V[q]);
       Remove_Element_From_Col(s, C, q);
       if (Stopped(s)) return;

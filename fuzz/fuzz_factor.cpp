@@ -4,19 +4,25 @@
 //
 // Built twice: fuzz_factor_tri draws bases without a bump (triangular under
 // permutations drawn from the input), fuzz_factor_general (with
-// VLU_FUZZ_GENERAL) any basis.  Data: the System of fuzz_system.h; the
+// VLU_FUZZ_GENERAL) any basis, with the checks, store sizes, heap limit
+// and traces of its options.  Data: the System of fuzz_system.h; the
 // library's process-wide state, created and destroyed for every input.
 #include <cfloat>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
 
+#include "fuzz/fuzz_hooks.h"
 #include "fuzz/fuzz_system.h"
+#include "interface/state.h"
 #include "vardenlu.h"
 
 namespace {
 
-int Quiet(int, int, int, char **, void *) { return 0; }
+int Quiet(int smsg, int dmsg, int nmsg, char **lines, void *) {
+  fz::Check_Lines(smsg, dmsg, nmsg, lines);
+  return 0;
+}
 
 int Factor(const fz::System &s, const std::vector<int> &stat) {
   int n = s.n, nz = s.nz();
@@ -54,6 +60,7 @@ void Check_Pairs_And_Repair(const fz::System &s, std::vector<int> stat) {
     stat[static_cast<size_t>(n + row)] = 2;
   }
   const int rc = Factor(s, stat);
+  if (rc == 4 && s.opt.heap) return;
   fz::Require(rc == 0 || rc == 3, "repaired basis: unexpected result");
   if (rc == 0 && s.style == fz::Nice) {
     std::vector<double> rhs(static_cast<size_t>(n), 1.0), sol(2 * static_cast<size_t>(n) + 1);
@@ -75,17 +82,24 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   vlu_destroy();
   vlu_regmsgcb(nullptr, Quiet);
   vlu_create();
+  fz::Apply_Hooks(s.opt);
+  vlu::Test_Heap_Limit = s.opt.heapLimit;
   const int rc = Factor(s, s.stat);
-  fz::Require(rc == 0 || rc == 3, "vlu_factor: unexpected result");
-  if (rc == 0) {
+  if (rc == 4 && s.opt.heap) {
+    // Out of memory under the limit: everything went back.
+    fz::Require(vlu::Iface().env == nullptr, "result 4 with records left");
+  } else if (rc == 0) {
     fz::Require(vlu_getnumsing() == 0, "regular basis with singular count");
     Solve_And_Check(b, s, s.stat);
     // The same basis again: a repeated factor call starts from nothing.
-    fz::Require(Factor(s, s.stat) == 0, "second factorization differs");
-    Solve_And_Check(b, s, s.stat);
+    const int again = Factor(s, s.stat);
+    fz::Require(again == 0 || (again == 4 && s.opt.heap), "second factorization differs");
+    if (again == 0) Solve_And_Check(b, s, s.stat);
   } else {
+    fz::Require(rc == 3, "vlu_factor: unexpected result");
     Check_Pairs_And_Repair(s, s.stat);
   }
   vlu_destroy();
+  fz::Clear_Hooks();
   return 0;
 }

@@ -7,14 +7,23 @@
 // fuzz_sequence_tri keeps every basis without a bump: a change trades the
 // matrix column of a position for the slack of its row, and t enters only at
 // the position where a full column keeps the shape.  fuzz_sequence_general
-// (VLU_FUZZ_GENERAL) changes any basic column for any nonbasic one.
+// (VLU_FUZZ_GENERAL) changes any basic column for any nonbasic one, and
+// applies the options of its system: the checks of the factorization and of
+// every update, the smallest stores, traces, and a heap limit that an
+// in-place update meets (the limit is lifted when the update ends, so that
+// the refactorization after a failure has the room it needs: a
+// refactorization short of memory stops the process).
 #include <cfloat>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <vector>
 
+#include "fuzz/fuzz_hooks.h"
 #include "fuzz/fuzz_system.h"
+#include "interface/state.h"
+#include "update/update.h"
 #include "vardenlu.h"
 
 namespace {
@@ -26,9 +35,17 @@ namespace {
 struct Channel {
   bool refuse = false;  // answer non-zero from now on
   bool inSolve = false;
+  bool limited = false;  // a heap limit stands until the update ends
 };
-int Callback(int, int, int, char **, void *usrmem) {
+int Callback(int smsg, int dmsg, int nmsg, char **lines, void *usrmem) {
   auto *c = static_cast<Channel *>(usrmem);
+  const int count = fz::Check_Lines(smsg, dmsg, nmsg, lines);
+  if (c->limited)
+    for (int k = 0; k < count; ++k)
+      if (std::strstr(lines[k], "End of Update_Inverse") != nullptr) {
+        vlu::Iface().env->MaxHeap_Bytes = INT64_MAX;
+        c->limited = false;
+      }
   return c->refuse && c->inSolve ? 1 : 0;
 }
 
@@ -49,6 +66,7 @@ struct Run {
     factored = rc == 0;
     rKnown = s.hasR;
     solvedSince = false;
+    if (s.opt.debugUpd) vlu::Iface().env->Debug_Upd = 1;
     return rc;
   }
   // Accepts the pairs of a singular factorization and factorizes again.
@@ -81,8 +99,9 @@ struct Run {
     }
     fz::Check_Solution(s, stat, rhs, sol);
   }
-  // Column q enters, l leaves.
-  void Change(int q, int l, int force) {
+  // Column q enters, l leaves; with `headroom` >= 0 an in-place update may
+  // take that many bytes more than the factors hold.
+  void Change(int q, int l, int force, int64_t headroom = -1) {
     const int n = s.n;
     if (q == n + 1) {
       s.r = lastRhs;
@@ -90,7 +109,22 @@ struct Run {
     }
     stat[static_cast<size_t>(q - 1)] = 2;
     stat[static_cast<size_t>(l - 1)] = 0;
+    vlu::VMI *env = vlu::Iface().env;
+    if (headroom >= 0 && force == 0 && !env->Msg_Dead && vlu::Update_Possible(env)) {
+      // The trace, sent line by line, tells the callback where the update ends.
+      env->Trace_Upd = std::max(env->Trace_Upd, 1);
+      env->Msg_Flush_Each = true;
+      env->MaxHeap_Bytes = env->Mem_Current + headroom;
+      channel.limited = true;
+    }
+    const bool limited = channel.limited;
     const int rc = vlu_update(stat.data(), &q, &l, &force);
+    fz::Require(!channel.limited, "heap limit left standing after an update");
+    if (limited) {
+      env = vlu::Iface().env;
+      env->Msg_Flush_Each = false;
+      env->Trace_Upd = s.opt.trace;
+    }
     fz::Require(rc == 1 || rc == 2 || rc == 3, "vlu_update: unexpected result");
     if (q == n + 1) rKnown = true;
     factored = rc != 3;
@@ -113,6 +147,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   vlu_destroy();
   vlu_regmsgcb(&run.channel, Callback);
   vlu_create();
+  fz::Apply_Hooks(s.opt);
   if (run.Factor() == 3) run.Repair();
 
   for (int step = 0; step < 64 && b.Left(); ++step) {
@@ -142,7 +177,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         if (in.empty() || out.empty()) break;
         const int q = in[b.Pick(static_cast<uint32_t>(in.size()))];
         const int l = out[b.Pick(static_cast<uint32_t>(out.size()))];
-        run.Change(q, l, force);
+        int64_t headroom = -1;
+        if (s.opt.heap) {
+          const uint16_t h = b.U16();
+          headroom = static_cast<int64_t>(h & 0x3ff) << ((h >> 10) % 16);
+        }
+        run.Change(q, l, force, headroom);
 #else
         const int k = 1 + static_cast<int>(b.Pick(static_cast<uint32_t>(n)));
         const int col = s.pcol[static_cast<size_t>(k)], slack = n + 1 + s.prow[static_cast<size_t>(k)];
@@ -199,5 +239,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   }
   vlu_destroy();
   vlu_regmsgcb(nullptr, nullptr);
+  fz::Clear_Hooks();
   return 0;
 }

@@ -7,7 +7,8 @@
 // to 60 lines), OUT/tri/<case> for bases without a bump of at most 256 rows
 // (positions found by peeling rows with one basic entry; a slack position
 // takes a nonbasic matrix column with only a diagonal of 1), and
-// OUT/general/<case> for cases of at most 48 rows.  Each system is followed
+// OUT/general/<case> for cases of at most 48 rows, and OUT/general/generated-*
+// in the generated form (larger bumps drawn from a few bytes).  Each system is followed
 // by a few right-hand sides and steps, which the factor targets read as
 // right-hand sides and the sequence targets as calls.
 #include <sys/stat.h>
@@ -139,6 +140,36 @@ bool General_Seed(const vlu_case::Case &c, fz::Writer &w) {
   return true;
 }
 
+// Seeds of the generated form: each pattern at a few sizes and densities,
+// with t known in some, and a few with options (checks, small stores,
+// traces, a heap limit).
+void Generated_Seeds(const std::string &out, int &made) {
+  static const int sizes[4] = {60, 150, 300, 400};
+  for (int kind = 0; kind < 8; ++kind)
+    for (int v = 0; v < 3; ++v) {
+      const int n = sizes[(kind + v) % 4];
+      fz::Writer w;
+      w.Pick(0, fz::MaxN_Gen);
+      const uint32_t opts = v == 2 ? static_cast<uint32_t>(kind) << 5 | (kind & 3) | (kind & 4) | 8 : 0;
+      w.U8(0x80 | (opts != 0 ? 0x40 : 0) | (v == 1 ? 4 : 0) | static_cast<uint32_t>(v % 3) << 4);
+      if (opts != 0) {
+        w.U8(opts);
+        w.U16(static_cast<uint32_t>(4000 + 3000 * kind));
+        w.U8(static_cast<uint32_t>(kind));
+      }
+      w.Pick(static_cast<uint32_t>(n - 1), fz::MaxN_Big);
+      w.U8(static_cast<uint32_t>(kind));
+      w.U8(static_cast<uint32_t>(6 + 40 * v));
+      w.U8(static_cast<uint32_t>(kind * 37 + v));
+      w.U8(static_cast<uint32_t>(16 * v + 8));
+      w.U32(static_cast<uint32_t>(kind * 1000 + v));
+      w.U8(0);  // no edits
+      Tail(w, n);
+      Put(out + "/general/generated-" + std::to_string(kind) + "-" + std::to_string(v), w.out);
+      ++made;
+    }
+}
+
 std::vector<uint8_t> Reader_Seed(const vlu_case::Case_Texts &t) {
   std::string s = t.matrix;
   s += '\x01';
@@ -180,6 +211,7 @@ int main(int argc, char **argv) {
     if (Triangular_Seed(c, tw)) Put(out + "/tri/" + c.name, tw.out), ++made[1];
     if (General_Seed(c, gw)) Put(out + "/general/" + c.name, gw.out), ++made[2];
   }
+  Generated_Seeds(out, made[2]);
   std::printf("seeds: %d case_reader, %d tri, %d general\n", made[0], made[1], made[2]);
   return 0;
 }

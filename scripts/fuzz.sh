@@ -10,7 +10,11 @@
 # set), factor_general, sequence_general (these draw bases with a bump and
 # need the elimination).  Corpora grow in build/fuzz/corpus/<target>, logs go
 # to build/fuzz/logs, and inputs that fail to build/fuzz/findings/<target>/;
-# reproduce one with build/fuzz/fuzz/fuzz_<target> <file>.  Case folders for
+# reproduce one with build/fuzz/fuzz/fuzz_<target> <file> (FUZZ_VERBOSE=1 shows
+# the library's messages; FUZZ_WILD_CHECKS=1 lets the general targets run the
+# consistency checks on systems of the wild style too).  The general targets
+# also draw large generated bumps, checks, store sizes, traces and heap limits
+# from the input (fuzz/fuzz_system.h).  Case folders for
 # the seeds: tests/data, and the shared set when VLU_CASES names it or it
 # stands at ../shared/cases.
 set -euo pipefail

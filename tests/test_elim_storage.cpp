@@ -176,6 +176,14 @@ TEST_F(Storage, CompactionsPackEachRowAndColumnWithItsReserve) {
   vlu::Compres_Rows(s);
   vlu::Compres_Cols(s);
   EXPECT_EQ(s.St.Moved_Elements, moved);
+  // The switch to semi-dense mode, which reads no tails, packs every one,
+  // the tail of one element of column c too.
+  ASSERT_EQ(iin->Mcex.V[c], 1);
+  vlu::Switch_to_Semi_Dense(s, s.Piv_Indx);
+  EXPECT_EQ(iin->Mcex.V[c] + iin->Mrex.V[r], 0);
+  const int32_t q = vlu::Find_Element(s, r, c);
+  EXPECT_TRUE(q >= luf->Cstr.V[c] && q < luf->Cstr.V[c] + luf->Clen.V[c]) << q;
+  EXPECT_EQ(Elements().size(), before.size());
 }
 
 TEST_F(Storage, FailedGrowthRaisesTheStopFlagAndReservesNothing) {
