@@ -297,6 +297,13 @@ template <typename T> void Rec_Clear(RecVec<T> &v) {
   v.Extent = 0;
 }
 
+// A borrowed view owns nothing: releasing it forgets it and counts nothing.
+template <typename T> void Rec_Forget_View(RecVec<T> &v) {
+  v.Base = v.Val = nullptr;
+  v.BaseSize = v.Extent = v.Length = v.NumThread = v.Offset = 0;
+  v.Temp = false;
+}
+
 template <typename T> void Rec_Deallocate(VMI *vmi, RecVec<T> &v, bool mustExist) {
   using Info = RecInfo<T>;
   const char *routine = Info::Dealloc;
@@ -308,10 +315,7 @@ template <typename T> void Rec_Deallocate(VMI *vmi, RecVec<T> &v, bool mustExist
     return;
   }
   if (v.Temp) {
-    // A borrowed view owns nothing: forget it, count nothing.
-    v.Base = v.Val = nullptr;
-    v.BaseSize = v.Extent = v.Length = v.NumThread = v.Offset = 0;
-    v.Temp = false;
+    Rec_Forget_View(v);
     return;
   }
   const int32_t size = v.BaseSize;
@@ -331,9 +335,7 @@ template <typename T> void Rec_Park(VMI *vmi, RecVec<T> &v) {
   Rec_Drop_Spare(v);
   if (v.Base == nullptr) return;
   if (v.Temp) {
-    v.Base = v.Val = nullptr;
-    v.BaseSize = v.Extent = v.Length = v.NumThread = v.Offset = 0;
-    v.Temp = false;
+    Rec_Forget_View(v);
     return;
   }
   const int32_t size = v.BaseSize;

@@ -16,38 +16,6 @@ namespace {
 namespace fs = std::filesystem;
 using WalkCaches = luc::ApiTest;
 
-// A fingerprint of the factors in pivot order: permutations, every U row
-// with the bits of its values, the L-file.
-uint64_t Factors_Print() {
-  const vlu::VMI *env = vlu::Iface().env;
-  const vlu::VIM *vim = env->Vim;
-  const vlu::LUF *luf = env->Luf;
-  uint64_t h = 1469598103934665603ULL;
-  auto mix = [&h](uint64_t v) {
-    h ^= v;
-    h *= 1099511628211ULL;
-  };
-  auto bits = [](double v) {
-    uint64_t u;
-    std::memcpy(&u, &v, sizeof u);
-    return u;
-  };
-  for (int32_t k = 1; k <= vim->NumRow; ++k) {
-    const int32_t r = vim->Rnto.V[k];
-    mix(uint64_t(r));
-    mix(uint64_t(vim->Cnto.V[k]));
-    for (int32_t p = luf->Rstr.V[r]; p < luf->Rstr.V[r] + luf->Rlen.V[r]; ++p) {
-      mix(uint64_t(luf->Ic.V[p]));
-      mix(bits(vim->AUrmat.Val[p]));
-    }
-  }
-  for (int32_t p = 1; p <= luf->LFileUsed; ++p) {
-    mix(uint64_t(luf->Lrow.V[p]) << 32 | uint32_t(luf->Lpiv.V[p]));
-    mix(bits(luf->Lmat.Val[p]));
-  }
-  return h;
-}
-
 enum class Before { Nothing, Column, Other };
 
 // Replays the walk of a case with the given solve before each update and
@@ -74,7 +42,7 @@ std::vector<uint64_t> Replay(const vlu_case::Case &c, Before before, int limit,
     stat[size_t(l - 1)] = 0;
     const int rc = vlu_update(stat.data(), &q, &l, &force);
     EXPECT_TRUE(rc == 1 || rc == 2);
-    prints.push_back(Factors_Print());
+    prints.push_back(luc::Digest(vlu::Iface().env));
   }
   sparseCalls = vlu::Iface().env->Vim->Calls_L_Solve_Sparse;
   return prints;
