@@ -205,7 +205,8 @@ class DenseBases : public luc::ApiTest {
 
 // ---------------------------------------------------------------------------
 // Fully dense bases go to Dense_Pivot at once, whatever the batch position:
-// 64/65 end on a full batch and one past it, 500 and 3000 run several batches
+// 9, 100 and 101 stand beside the row counts of the dense-start rules, 64/65
+// end on a full batch and one past it, 500 and 3000 run several batches
 // and panels of the delayed updates.  (The least dense starts, of 8 rows and
 // at the density rules, are the edges below.)
 
@@ -227,6 +228,7 @@ std::vector<std::tuple<int, Kind>> Dense_Sizes() {
   std::vector<std::tuple<int, Kind>> v;
   for (int n : {64, 65, 500})
     for (Kind k : {Kind::Dominant, Kind::Plain}) v.emplace_back(n, k);
+  for (int n : {9, 100, 101}) v.emplace_back(n, Kind::Plain);  // beside the rules' row counts
   v.emplace_back(3000, Kind::Plain);  // about 10 s in the optimised build
   return v;
 }
