@@ -133,6 +133,40 @@ void L_Solve(VMI *vmi, RVec &w) {
   }
 }
 
+namespace {
+
+// The column copy of U as the solves read it.
+struct U_Columns {
+  const int32_t *cstr, *clen, *ir;
+  const double *ucmat;
+};
+
+// One position of the backward solve with U: the value of its pivot row r
+// is divided by the pivot of its column c and taken out of the rows below
+// the pivot in that column.  A zero stays (a negative zero becomes +0) and
+// gives false; a nonzero is counted in numNz and its magnitude goes into the
+// largest and the sum.
+inline bool U_Solve_Position(const U_Columns &u, double *W, int32_t r, int32_t c, int32_t &numNz,
+                             double &maxAbs, double &sumAbs) {
+  double x = W[r];
+  if (x == 0.0) {
+    W[r] = 0.0;
+    return false;
+  }
+  const int32_t q = u.cstr[c];
+  x = x / u.ucmat[q];
+  W[r] = x;
+  ++numNz;
+  const double ax = std::fabs(x);
+  maxAbs = ax > maxAbs ? ax : maxAbs;
+  sumAbs += ax;
+  const int32_t qEnd = q + u.clen[c];
+  for (int32_t p = q + 1; p < qEnd; ++p) W[u.ir[p]] -= u.ucmat[p] * x;
+  return true;
+}
+
+}  // namespace
+
 void Vdsuxy(VMI *vmi, RVec &w) {
   const bool timing = vmi->Timing;
   const double t0 = timing ? Clock_Read(vmi) : 0.0;
@@ -143,10 +177,7 @@ void Vdsuxy(VMI *vmi, RVec &w) {
   const int32_t n = vim->NumRow;
   const int32_t *rnto = vim->Rnto.V;
   const int32_t *cnto = vim->Cnto.V;
-  const int32_t *cstr = luf->Cstr.V;
-  const int32_t *clen = luf->Clen.V;
-  const int32_t *ir = luf->Ir.V;
-  const double *ucmat = luf->Ucmat.Val;
+  const U_Columns u{luf->Cstr.V, luf->Clen.V, luf->Ir.V, luf->Ucmat.Val};
   int32_t *helpi = vim->HelpI.V;
 
   int32_t numNz = 0;
@@ -155,21 +186,7 @@ void Vdsuxy(VMI *vmi, RVec &w) {
   double maxAbs = 0.0, sumAbs = 0.0;
   for (int32_t k = n; k >= 1; --k) {
     const int32_t r = rnto[k];
-    double x = W[r];
-    if (x == 0.0) {
-      W[r] = 0.0;  // also turns a negative zero into +0
-      continue;
-    }
-    const int32_t c = cnto[k];
-    const int32_t q = cstr[c];
-    x = x / ucmat[q];
-    W[r] = x;
-    helpi[++numNz] = r;
-    const double ax = std::fabs(x);
-    maxAbs = ax > maxAbs ? ax : maxAbs;
-    sumAbs += ax;
-    const int32_t qEnd = q + clen[c];
-    for (int32_t p = q + 1; p < qEnd; ++p) W[ir[p]] -= ucmat[p] * x;
+    if (U_Solve_Position(u, W, r, cnto[k], numNz, maxAbs, sumAbs)) helpi[numNz] = r;
   }
   U_Solve_End(vmi, w, numNz, maxAbs, sumAbs);
   if (timing) {
@@ -460,6 +477,7 @@ void Solve_Ftran_Listed(VMI *vmi, RVec &w, int32_t len, Spike_Cache *cache) {
   } else if (len > 0) {
     int32_t numNz = 0;  // the list is read no more: it takes the nonzeros
     double maxAbs = 0.0, sumAbs = 0.0;
+    const U_Columns u{cstr, clen, ir, ucmat};
     for (int32_t wd = words - 1; wd >= 0; --wd) {
       uint32_t word = bits[wd];
       while (word != 0) {
@@ -468,21 +486,7 @@ void Solve_Ftran_Listed(VMI *vmi, RVec &w, int32_t len, Spike_Cache *cache) {
         const int32_t k = (wd << 5) + b;
         const int32_t r = rnto[k];
         mk[r] = 0;
-        double x = W[r];
-        if (x == 0.0) {
-          W[r] = 0.0;
-          continue;
-        }
-        const int32_t c = cnto[k];
-        const int32_t q = cstr[c];
-        x = x / ucmat[q];
-        W[r] = x;
-        lst[++numNz] = r;
-        const double ax = std::fabs(x);
-        maxAbs = ax > maxAbs ? ax : maxAbs;
-        sumAbs += ax;
-        const int32_t qEnd = q + clen[c];
-        for (int32_t p = q + 1; p < qEnd; ++p) W[ir[p]] -= ucmat[p] * x;
+        if (U_Solve_Position(u, W, r, cnto[k], numNz, maxAbs, sumAbs)) lst[numNz] = r;
       }
     }
     U_Solve_End(vmi, w, numNz, maxAbs, sumAbs);
